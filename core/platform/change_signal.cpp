@@ -1,0 +1,7 @@
+#include "core/platform/change_signal.h"
+
+namespace mirel::ChangeSignal {
+
+void post() {}
+
+}  // namespace mirel::ChangeSignal

@@ -1,0 +1,142 @@
+#include "core/store/database.h"
+
+#include "core/platform/text.h"
+#include "core/store/mirel_paths.h"
+
+#include <sqlite3.h>
+
+namespace mirel {
+
+void Database::Closer::operator()(sqlite3* handle) const { sqlite3_close_v2(handle); }
+
+// A prepared statement that lives inside one call.
+struct Database::Statement {
+    struct Finalizer {
+        void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+    };
+    std::unique_ptr<sqlite3_stmt, Finalizer> stmt;
+    sqlite3_stmt* get() const { return stmt.get(); }
+};
+
+Database::Database(const std::filesystem::path& path) {
+    MirelPaths::ensureParentDirectory(path);
+    sqlite3* raw = nullptr;
+    const int rc = sqlite3_open_v2(path.c_str(), &raw,
+                                   SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                                   nullptr);
+    std::unique_ptr<sqlite3, Closer> opened(raw);
+    if (rc != SQLITE_OK || !raw) {
+        throw DatabaseError::openFailed(raw ? sqlite3_errmsg(raw) : "unknown error");
+    }
+    handle_ = std::move(opened);
+    executeRaw("PRAGMA journal_mode = WAL;");
+    executeRaw("PRAGMA foreign_keys = ON;");
+    executeRaw("PRAGMA busy_timeout = 5000;");
+    executeRaw("PRAGMA synchronous = NORMAL;");
+}
+
+std::string Database::lastMessage() const {
+    return handle_ ? sqlite3_errmsg(handle_.get()) : "no database handle";
+}
+
+Database::Statement Database::prepare(const std::string& sql, const std::vector<SQLValue>& values) {
+    if (!handle_) throw DatabaseError::prepareFailed("no database handle", sql);
+    sqlite3_stmt* raw = nullptr;
+    const int rc = sqlite3_prepare_v2(handle_.get(), sql.c_str(), -1, &raw, nullptr);
+    Statement statement{std::unique_ptr<sqlite3_stmt, Statement::Finalizer>(raw)};
+    if (rc != SQLITE_OK) throw DatabaseError::prepareFailed(lastMessage(), sql);
+    if (!raw) return statement;  // empty text or only a comment: nothing to run
+    int index = 1;
+    for (const SQLValue& value : values) {
+        if (value.isInt()) {
+            sqlite3_bind_int64(raw, index, value.asInt());
+        } else if (value.isDouble()) {
+            sqlite3_bind_double(raw, index, value.asDouble());
+        } else if (value.isText()) {
+            sqlite3_bind_text(raw, index, value.asText().c_str(), -1, SQLITE_TRANSIENT);
+        } else if (value.isBlob()) {
+            const Blob& bytes = value.asBlob();
+            if (bytes.empty()) sqlite3_bind_zeroblob(raw, index, 0);
+            else sqlite3_bind_blob64(raw, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT);
+        } else {
+            sqlite3_bind_null(raw, index);
+        }
+        ++index;
+    }
+    return statement;
+}
+
+std::int64_t Database::execute(const std::string& sql, const std::vector<SQLValue>& values) {
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    Statement statement = prepare(sql, values);
+    if (!statement.get()) return 0;
+    const int rc = sqlite3_step(statement.get());
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) throw DatabaseError::stepFailed(lastMessage(), sql);
+    return sqlite3_changes(handle_.get());
+}
+
+void Database::executeRaw(const std::string& sql) {
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    if (!handle_) throw DatabaseError::stepFailed("no database handle", sql);
+    char* error = nullptr;
+    const int rc = sqlite3_exec(handle_.get(), sql.c_str(), nullptr, nullptr, &error);
+    if (rc != SQLITE_OK) {
+        std::string message = error ? std::string(error) : lastMessage();
+        sqlite3_free(error);
+        throw DatabaseError::stepFailed(std::move(message), sql);
+    }
+}
+
+std::vector<Row> Database::query(const std::string& sql, const std::vector<SQLValue>& values) {
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    Statement statement = prepare(sql, values);
+    std::vector<Row> rows;
+    sqlite3_stmt* stmt = statement.get();
+    if (!stmt) return rows;
+    const int columns = sqlite3_column_count(stmt);
+    std::vector<std::string> names;
+    names.reserve(columns);
+    for (int i = 0; i < columns; ++i) {
+        const char* name = sqlite3_column_name(stmt, i);
+        names.emplace_back(name ? name : "");
+    }
+    while (sqlite3_step(stmt) == SQLITE_ROW) {
+        Row row;
+        for (int i = 0; i < columns; ++i) {
+            switch (sqlite3_column_type(stmt, i)) {
+                case SQLITE_INTEGER:
+                    row.values[names[i]] = SQLValue(static_cast<std::int64_t>(sqlite3_column_int64(stmt, i)));
+                    break;
+                case SQLITE_FLOAT:
+                    row.values[names[i]] = SQLValue(sqlite3_column_double(stmt, i));
+                    break;
+                case SQLITE_TEXT: {
+                    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, i));
+                    if (text) row.values[names[i]] = SQLValue(repairUTF8(text));
+                    break;
+                }
+                case SQLITE_BLOB: {
+                    const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt, i));
+                    const int count = sqlite3_column_bytes(stmt, i);
+                    row.values[names[i]] = SQLValue::blob(bytes ? Blob(bytes, bytes + count) : Blob{});
+                    break;
+                }
+                default:
+                    row.values[names[i]] = SQLValue::null();
+                    break;
+            }
+        }
+        rows.push_back(std::move(row));
+    }
+    return rows;
+}
+
+void Database::rollbackQuietly() {
+    try {
+        executeRaw("ROLLBACK;");
+    } catch (const DatabaseError&) {
+        // The first error is the one the caller needs to see.
+    }
+}
+
+}  // namespace mirel
