@@ -1,0 +1,54 @@
+// mirel-mcp: a local MCP server over the user's Mirel library, speaking
+// line-delimited JSON-RPC on standard input and output.
+#include "core/store/database_error.h"
+#include "core/store/mirel_paths.h"
+#include "mcp/server/mirel_mcp_server.h"
+#include "mcp/tools/log.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <string>
+
+namespace {
+
+// The error value's plain rendering for the "fatal:" line.
+std::string plainRendering(const std::exception& error) {
+    if (const auto* db = dynamic_cast<const mirel::DatabaseError*>(&error)) return db->plainRendering();
+    return error.what();
+}
+
+void writeStderr(const std::string& text) {
+    std::size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t n = ::write(STDERR_FILENO, text.data() + written, text.size() - written);
+        if (n <= 0) return;
+        written += static_cast<std::size_t>(n);
+    }
+}
+
+}  // namespace
+
+int main() {
+    std::setvbuf(stdout, nullptr, _IONBF, 0);
+    std::unique_ptr<mirel::MirelMCPServer> server;
+    try {
+        server = std::make_unique<mirel::MirelMCPServer>();
+    } catch (const std::exception& error) {
+        mirel::logLine("fatal: " + plainRendering(error));
+        std::string path;
+        try {
+            path = mirel::MirelPaths::databaseURL().string();
+        } catch (const std::exception&) {
+            path = "(no home folder)";
+        }
+        writeStderr("Mirel could not open its library at " + path +
+                    ".\nLaunch the Mirel app once to create it, then reconnect this MCP server.\n");
+        return 1;
+    }
+    server->run(std::cin);
+    return 0;
+}
