@@ -1,7 +1,103 @@
+#include "core/platform/text.h"
+#include "core/store/mirel_paths.h"
+#include "mcp/tools/format.h"
+#include "mcp/tools/image_encoder.h"
+#include "mcp/tools/tool_arguments.h"
 #include "mcp/tools/tool_registry.h"
 
 namespace mirel {
 
-ToolResult ToolRegistry::getCapture(const Json&) { return ToolResult::failure("Unknown tool: get_capture"); }
+namespace {
+
+constexpr std::size_t maxIDs = 6;
+constexpr int imageBudget = 8;
+
+// `ids` wins whenever it is a list of texts, even an empty one.
+std::vector<std::string> readIDs(const Json& arguments) {
+    std::vector<std::string> given;
+    if (auto list = ToolArguments::textList(arguments, "ids")) given = std::move(*list);
+    else if (auto single = ToolArguments::text(arguments, "id")) given.push_back(std::move(*single));
+    std::vector<std::string> ids;
+    for (const auto& id : given) {
+        std::string trimmed = trimBlanks(id);
+        if (!trimmed.empty()) ids.push_back(std::move(trimmed));
+    }
+    return ids;
+}
+
+}  // namespace
+
+ToolResult ToolRegistry::getCapture(const Json& arguments) {
+    const auto ids = readIDs(arguments);
+    if (ids.empty()) return ToolResult::failure("Pass `id` (one capture) or `ids` (up to 6).");
+    if (ids.size() > maxIDs)
+        return ToolResult::failure("get_capture takes at most 6 ids at a time; you passed " +
+                                   std::to_string(ids.size()) + ".");
+    const bool includeImage = ToolArguments::boolean(arguments, "include_image").value_or(true);
+    const int maxEdge = static_cast<int>(ToolArguments::clampedWholeNumber(arguments, "max_image_edge", 1400, 200, 4000));
+
+    ToolResult result;
+    std::vector<std::string> missing;
+    int attached = 0;
+
+    for (const auto& id : ids) {
+        const auto fullID = store_.resolveCaptureID(id);
+        const auto capture = fullID ? store_.capture(*fullID) : std::nullopt;
+        if (!capture) {
+            missing.push_back(id);
+            continue;
+        }
+        std::optional<std::string> groupName;
+        if (capture->groupID)
+            if (const auto group = store_.group(*capture->groupID)) groupName = group->name;
+        const auto images = store_.images(capture->id);
+        const auto tags = store_.tags(capture->id);
+        const auto comments = store_.comments(capture->id);
+        const auto activity = store_.activity(capture->id);
+        result.content.push_back(
+            ToolResult::textBlock(Format::detail(*capture, groupName, tags, comments, activity, images)));
+        if (!includeImage) continue;
+
+        if (!images.empty()) {
+            const std::size_t n = images.size();
+            for (std::size_t i = 0; i < n; ++i) {
+                if (attached >= imageBudget) {
+                    result.content.push_back(ToolResult::textBlock(
+                        "(" + std::to_string(n - i) +
+                        " more screenshot(s) on this capture not attached \u2014 ask for this capture on its own "
+                        "to see them.)"));
+                    break;
+                }
+                const auto& image = images[i];
+                if (n >= 2) {
+                    std::string heading = "Screenshot " + std::to_string(i + 1) + " of " + std::to_string(n);
+                    if (image.hasAnnotations()) heading += " \u2014 marked up by the user";
+                    result.content.push_back(ToolResult::textBlock(heading));
+                }
+                const auto url = image.displayURL();
+                if (const auto png = ImageEncoder::encode(url, maxEdge)) {
+                    result.content.push_back(ToolResult::imageBlock(*png));
+                    ++attached;
+                } else {
+                    // A failed file costs nothing from the budget.
+                    result.content.push_back(ToolResult::textBlock(
+                        "\u26A0\uFE0E A screenshot file is missing at " + url.string() + "."));
+                }
+            }
+        } else if (!capture->imagePath.empty()) {
+            // A record without image rows has just its cover; the budget does
+            // not apply to it, and a missing file stays silent here.
+            if (const auto png = ImageEncoder::encode(MirelPaths::imageURL(capture->imagePath), maxEdge)) {
+                result.content.push_back(ToolResult::imageBlock(*png));
+                ++attached;
+            }
+        }
+    }
+
+    if (!missing.empty())
+        result.content.push_back(ToolResult::textBlock("Could not resolve: " + join(missing, ", ") +
+                                                       ". Call list_captures for current ids."));
+    return result;
+}
 
 }  // namespace mirel
