@@ -2,6 +2,7 @@
 // stores, what it enters in the ledger, and what history it leaves.
 #include "core/store/capture_store.h"
 #include "core/store/mirel_paths.h"
+#include "tests/support/dbus_session.h"
 #include "tests/support/seed.h"
 #include "tests/support/store_probe.h"
 #include "tests/support/temp_library.h"
@@ -10,6 +11,7 @@
 
 #include <fstream>
 #include <functional>
+#include <memory>
 
 namespace mirel {
 namespace {
@@ -483,6 +485,106 @@ TEST_F(WritesTest, SoftDeleteOfATextCaptureOrUnknownIdRemovesNoFolder) {
     EXPECT_TRUE(std::filesystem::exists(MirelPaths::capturesRoot()));
     EXPECT_TRUE(store.rawCapture(text.id)->deletedAt);
 }
+
+}  // namespace
+}  // namespace mirel
+
+// ---- the change signal, on a private session bus ----
+
+namespace mirel {
+namespace {
+
+class WriteSignalTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { bus = new test::DBusSession(); }
+    static void TearDownTestSuite() {
+        delete bus;
+        bus = nullptr;
+    }
+    void SetUp() override {
+        capture = test::makeCapture();
+        capture.workspaceID = "ws-1";
+        test::seedCaptureRow(store.database(), capture);
+        image = test::makeImage(capture.id);
+        test::seedImageRow(store.database(), image);
+        group = test::makeGroup("Group");
+        test::seedGroupRow(store.database(), group);
+        listener = std::make_unique<test::ChangeSignalListener>();
+    }
+
+    static test::DBusSession* bus;
+    test::TempLibrary library;
+    CaptureStore store{library.databasePath()};
+    Capture capture;
+    CaptureImage image;
+    CaptureGroup group;
+    std::unique_ptr<test::ChangeSignalListener> listener;
+};
+
+test::DBusSession* WriteSignalTest::bus = nullptr;
+
+struct SignalCase {
+    const char* name;
+    std::function<void(CaptureStore&, const Capture&, const CaptureImage&, const CaptureGroup&)> write;
+    int posts;
+};
+
+class WriteSignalCountTest : public WriteSignalTest, public ::testing::WithParamInterface<SignalCase> {};
+
+TEST_P(WriteSignalCountTest, PostsAsOftenAsTheWriteSays) {
+    const auto& write = GetParam().write;
+    const int posts = listener->postsDuring(
+        [&] {
+            try {
+                write(store, capture, image, group);
+            } catch (const DatabaseError&) {
+                // Failed writes are among the cases; they must post nothing.
+            }
+        },
+        GetParam().posts);
+    EXPECT_EQ(posts, GetParam().posts);
+}
+
+using S = CaptureStore;
+using C = const Capture;
+using I = const CaptureImage;
+using G = const CaptureGroup;
+
+INSTANTIATE_TEST_SUITE_P(
+    Signal, WriteSignalCountTest,
+    ::testing::Values(
+        SignalCase{"Insert", [](S& s, C&, I&, G&) { s.insert(test::makeCapture()); }, 1},
+        SignalCase{"InsertDuplicate", [](S& s, C& c, I&, G&) { s.insert(c); }, 0},
+        SignalCase{"Update", [](S& s, C& c, I&, G&) { s.update(c); }, 1},
+        SignalCase{"SetStatus", [](S& s, C& c, I&, G&) { s.setStatus(c.id, CaptureStatus::archived, "you"); }, 2},
+        SignalCase{"SetStatusUnknown",
+                   [](S& s, C&, I&, G&) { s.setStatus("no-such-id", CaptureStatus::archived, "you"); }, 0},
+        SignalCase{"Claim", [](S& s, C& c, I&, G&) { s.claim(c.id, "claude"); }, 2},
+        SignalCase{"Resolve", [](S& s, C& c, I&, G&) { s.resolve(c.id, "ref", "you"); }, 2},
+        SignalCase{"Assign", [](S& s, C& c, I&, G&) { s.assign(c.id, "bob", "you"); }, 1},
+        SignalCase{"SoftDelete", [](S& s, C& c, I&, G&) { s.softDelete(c.id); }, 1},
+        SignalCase{"AddImage", [](S& s, C& c, I&, G&) { s.addImage(test::makeImage(c.id, -1)); }, 1},
+        SignalCase{"AddImageUnknownCapture", [](S& s, C&, I&, G&) { s.addImage(test::makeImage("nope", -1)); }, 0},
+        SignalCase{"UpdateImage", [](S& s, C&, I& i, G&) { s.updateImage(i); }, 1},
+        SignalCase{"DeleteImage", [](S& s, C&, I& i, G&) { s.deleteImage(i.id); }, 1},
+        SignalCase{"DeleteImageUnknown", [](S& s, C&, I&, G&) { s.deleteImage("no-such-image"); }, 0},
+        SignalCase{"SetCaptureMode", [](S& s, C& c, I&, G&) { s.setCaptureMode(CaptureMode::window, c.id); }, 1},
+        SignalCase{"UpsertGroup", [](S& s, C&, I&, G& g) { s.upsertGroup(g); }, 1},
+        SignalCase{"UpsertGroupNamesake", [](S& s, C&, I&, G&) { s.upsertGroup(test::makeGroup("GROUP")); }, 0},
+        SignalCase{"DeleteGroup", [](S& s, C&, I&, G& g) { s.deleteGroup(g.id); }, 1},
+        SignalCase{"SetTags", [](S& s, C& c, I&, G&) { s.setTags({"bug"}, c.id); }, 1},
+        SignalCase{"ReplaceTags", [](S& s, C& c, I&, G&) { s.replaceTags({"bug"}, c.id); }, 0},
+        SignalCase{"AddComment", [](S& s, C& c, I&, G&) { s.addComment(test::makeComment(c.id, "hi")); }, 1},
+        SignalCase{"AddCommentUnknown", [](S& s, C&, I&, G&) { s.addComment(test::makeComment("nope", "hi")); },
+                   0},
+        SignalCase{"RecordActivity",
+                   [](S& s, C& c, I&, G&) {
+                       s.recordActivity(c.id, "updated", "", "you", newID(), 1.0, std::nullopt, false);
+                   },
+                   0},
+        SignalCase{"MarkPending", [](S& s, C& c, I&, G&) { s.markPending("captures", c.id, {"note"}); }, 0},
+        SignalCase{"SetSyncMeta", [](S& s, C&, I&, G&) { s.setSyncMeta("user_id", "me"); }, 0}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace mirel

@@ -1,0 +1,121 @@
+// Two processes, and several threads, writing the same library at once: the
+// busy time-out must absorb the contention, and the library stay whole.
+#include "core/store/capture_store.h"
+#include "tests/support/seed.h"
+#include "tests/support/store_probe.h"
+#include "tests/support/temp_library.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <thread>
+
+namespace mirel {
+namespace {
+
+constexpr int kRounds = 60;
+
+// One writer's share of the work: its own captures through the whole
+// lifecycle, and edits of the one capture that both writers touch.
+void writeRounds(CaptureStore& store, const std::string& shared, const std::string& who) {
+    for (int i = 0; i < kRounds; ++i) {
+        Capture c = test::makeCapture(who + " " + std::to_string(i));
+        c.workspaceID = "ws-1";
+        store.insert(c);
+        store.claim(c.id, who);
+        store.addComment(test::makeComment(c.id, "note " + std::to_string(i), who));
+        store.resolve(c.id, "ref", who);
+        store.setTags({who, "round"}, c.id);
+        store.setStatus(shared, i % 2 ? CaptureStatus::open : CaptureStatus::inProgress, who);
+        store.recordActivity(shared, "updated", who, who, newID(), Clock::now(), std::nullopt, false);
+    }
+}
+
+class ConcurrencyTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        // Made and closed before any fork, so no process inherits an open
+        // connection to the file.
+        CaptureStore store(library.databasePath());
+        Capture c = test::makeCapture("shared");
+        c.workspaceID = "ws-1";
+        store.insert(c);
+        shared = c.id;
+    }
+
+    void expectWholeLibrary(CaptureStore& store, int writers) {
+        Database& db = store.database();
+        EXPECT_EQ(db.query("PRAGMA integrity_check;").front().string("integrity_check"), "ok");
+        EXPECT_EQ(test::countRows(db, "SELECT COUNT(*) AS n FROM captures;"), 1 + writers * kRounds);
+        EXPECT_EQ(test::countRows(db, "SELECT COUNT(*) AS n FROM captures WHERE status = 'resolved';"),
+                  writers * kRounds);
+        EXPECT_EQ(test::countRows(db, "SELECT COUNT(*) AS n FROM comments;"), writers * kRounds);
+        EXPECT_EQ(test::countRows(db, "SELECT COUNT(*) AS n FROM capture_tags;"), 2 * writers * kRounds);
+        // created + claimed + resolved for each own capture.
+        EXPECT_EQ(test::countRows(db, "SELECT COUNT(*) AS n FROM activity WHERE capture_id != ?;", {SQLValue(shared)}),
+                  3 * writers * kRounds);
+        // created once, then a status line and an edit line per round and writer.
+        EXPECT_EQ(test::countRows(db, "SELECT COUNT(*) AS n FROM activity WHERE capture_id = ?;", {SQLValue(shared)}),
+                  1 + 2 * writers * kRounds);
+        EXPECT_EQ(test::countRows(db, "SELECT COUNT(*) AS n FROM captures WHERE sync_state != 'pendingPush';"), 0);
+    }
+
+    test::TempLibrary library;
+    std::string shared;
+};
+
+TEST_F(ConcurrencyTest, TwoProcessesWriteTheSameLibrary) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        int status = 0;
+        try {
+            CaptureStore store(library.databasePath());
+            writeRounds(store, shared, "child");
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "child writer failed: %s\n", error.what());
+            status = 1;
+        }
+        _exit(status);  // leave the parent's test harness alone
+    }
+
+    std::string failure;
+    try {
+        CaptureStore store(library.databasePath());
+        writeRounds(store, shared, "parent");
+    } catch (const std::exception& error) {
+        failure = error.what();
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(failure, "");
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+
+    CaptureStore store(library.databasePath());
+    expectWholeLibrary(store, 2);
+}
+
+TEST_F(ConcurrencyTest, ThreadsShareOneStore) {
+    CaptureStore store(library.databasePath());
+    std::vector<std::string> failures(3);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&, t] {
+            try {
+                writeRounds(store, shared, "thread" + std::to_string(t));
+            } catch (const std::exception& error) {
+                failures[t] = error.what();
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(failures, std::vector<std::string>(3));
+    expectWholeLibrary(store, 3);
+}
+
+}  // namespace
+}  // namespace mirel
