@@ -27,6 +27,8 @@ namespace ImageCodec {
 // Images above this many pixels are refused before any pixel memory is
 // allocated, so a file that claims 100000×100000 cannot exhaust memory.
 inline constexpr std::int64_t maxPixels = 100'000'000;
+// No real picture is this long on one side; a header that says so is refused.
+inline constexpr int maxDimension = 1'000'000;
 
 enum class Format { png, jpeg, webp, unknown };
 // By the file's first bytes; the extension plays no part.
@@ -35,14 +37,20 @@ Format sniff(const std::uint8_t* bytes, std::size_t size);
 // The first image of the file; nothing if it cannot be read or decoded.
 std::optional<Image> decodeFile(const std::filesystem::path& path);
 std::optional<Image> decode(const std::vector<std::uint8_t>& bytes);
+std::optional<Image> decode(const std::uint8_t* bytes, std::size_t size);
 // Width and height from the header only, without decoding pixels.
 std::optional<std::pair<int, int>> dimensions(const std::vector<std::uint8_t>& bytes);
 
 // High-quality resampling to exactly width×height; nothing if it cannot be made.
 std::optional<Image> resample(const Image& image, int width, int height);
 
-// PNG bytes of the image; nothing on failure.
+// PNG bytes of the image; nothing on failure. Opaque images are written as
+// 8-bit RGB, others as 8-bit RGBA with straight (un-premultiplied) alpha.
 std::optional<std::vector<std::uint8_t>> encodePNG(const Image& image);
+
+// Replies want speed; files kept on disk may prefer fewer bytes.
+enum class PNGCompression { fast, small };
+std::optional<std::vector<std::uint8_t>> encodePNG(const Image& image, PNGCompression compression);
 
 // Standard base64 with padding and no line breaks.
 std::string base64(const std::vector<std::uint8_t>& bytes);

@@ -1,0 +1,187 @@
+#include "tests/support/image_files.h"
+
+#include <algorithm>
+#include <csetjmp>
+#include <cstdlib>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <jpeglib.h>
+#include <webp/encode.h>
+
+namespace mirel::test {
+
+namespace {
+
+std::uint32_t premultiplied(RGBA c) {
+    auto mul = [&](int v) { return static_cast<std::uint32_t>((v * c.a + 127) / 255); };
+    return (static_cast<std::uint32_t>(c.a) << 24) | (mul(c.r) << 16) | (mul(c.g) << 8) | mul(c.b);
+}
+
+struct JpegErrors {
+    jpeg_error_mgr base;
+    std::jmp_buf jump;
+};
+
+[[noreturn]] void jpegFail(j_common_ptr info) { std::longjmp(reinterpret_cast<JpegErrors*>(info->err)->jump, 1); }
+
+// Nothing with a destructor lives in this frame: libjpeg errors jump back here.
+bool compressJPEG(std::FILE* file, const Image* image, int quality) {
+    jpeg_compress_struct info{};
+    JpegErrors errors{};
+    info.err = jpeg_std_error(&errors.base);
+    errors.base.error_exit = jpegFail;
+    if (setjmp(errors.jump)) {
+        jpeg_destroy_compress(&info);
+        return false;
+    }
+    jpeg_create_compress(&info);
+    jpeg_stdio_dest(&info, file);
+    info.image_width = static_cast<JDIMENSION>(image->width);
+    info.image_height = static_cast<JDIMENSION>(image->height);
+    info.input_components = 4;
+    info.in_color_space = JCS_EXT_BGRX;  // native ARGB words on little-endian machines
+    jpeg_set_defaults(&info);
+    jpeg_set_quality(&info, quality, TRUE);
+    jpeg_start_compress(&info, TRUE);
+    while (info.next_scanline < info.image_height) {
+        auto* row = const_cast<JSAMPROW>(
+            reinterpret_cast<const JSAMPLE*>(image->pixels.data() + std::size_t{info.next_scanline} * image->width));
+        jpeg_write_scanlines(&info, &row, 1);
+    }
+    jpeg_finish_compress(&info);
+    jpeg_destroy_compress(&info);
+    return true;
+}
+
+std::string encodeWebP(const Image& image) {
+    // WebP takes straight alpha.
+    std::vector<std::uint8_t> rgba(image.pixels.size() * 4);
+    for (int y = 0; y < image.height; ++y) {
+        for (int x = 0; x < image.width; ++x) {
+            const RGBA c = colorAt(image, x, y);
+            std::uint8_t* p = &rgba[(static_cast<std::size_t>(y) * image.width + x) * 4];
+            p[0] = static_cast<std::uint8_t>(c.r);
+            p[1] = static_cast<std::uint8_t>(c.g);
+            p[2] = static_cast<std::uint8_t>(c.b);
+            p[3] = static_cast<std::uint8_t>(c.a);
+        }
+    }
+    std::uint8_t* output = nullptr;
+    const std::size_t size = WebPEncodeRGBA(rgba.data(), image.width, image.height, image.width * 4, 90, &output);
+    std::unique_ptr<std::uint8_t, void (*)(void*)> owner(output, WebPFree);
+    if (size == 0) throw std::runtime_error("WebP encoding failed");
+    return std::string(reinterpret_cast<const char*>(output), size);
+}
+
+}  // namespace
+
+Image quadrantImage(int width, int height) {
+    Image image;
+    image.width = width;
+    image.height = height;
+    image.pixels.resize(static_cast<std::size_t>(width) * height);
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            const bool right = x >= width / 2, bottom = y >= height / 2;
+            std::uint32_t p = bottom ? (right ? 0xffffffffu : 0xff0000ffu) : (right ? 0xff00ff00u : 0xffff0000u);
+            image.pixels[static_cast<std::size_t>(y) * width + x] = p;
+        }
+    }
+    image.opaque = true;
+    return image;
+}
+
+Image solidImage(int width, int height, RGBA color) {
+    Image image;
+    image.width = width;
+    image.height = height;
+    image.pixels.assign(static_cast<std::size_t>(width) * height, premultiplied(color));
+    image.opaque = color.a == 255;
+    return image;
+}
+
+void writeImageFile(const std::filesystem::path& path, const Image& image, ImageFileFormat format) {
+    switch (format) {
+        case ImageFileFormat::png: {
+            const auto png = ImageCodec::encodePNG(image);
+            if (!png) throw std::runtime_error("PNG encoding failed");
+            writeBytes(path, std::string_view(reinterpret_cast<const char*>(png->data()), png->size()));
+            return;
+        }
+        case ImageFileFormat::jpeg: {
+            std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "wb"), std::fclose);
+            if (!file || !compressJPEG(file.get(), &image, 92)) throw std::runtime_error("JPEG encoding failed");
+            return;
+        }
+        case ImageFileFormat::webp: writeBytes(path, encodeWebP(image)); return;
+    }
+}
+
+void writeImageFile(const std::filesystem::path& path, int width, int height, ImageFileFormat format) {
+    writeImageFile(path, quadrantImage(width, height), format);
+}
+
+void writeBytes(const std::filesystem::path& path, std::string_view bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    if (!out) throw std::runtime_error("cannot write " + path.string());
+}
+
+std::string readBytes(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw std::runtime_error("cannot read " + path.string());
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::vector<std::uint8_t> decodeBase64(std::string_view text) {
+    auto value = [](char c) -> int {
+        if (c >= 'A' && c <= 'Z') return c - 'A';
+        if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+        if (c >= '0' && c <= '9') return c - '0' + 52;
+        if (c == '+') return 62;
+        if (c == '/') return 63;
+        return -1;
+    };
+    if (text.size() % 4 != 0) throw std::runtime_error("base64 length is not a multiple of 4");
+    std::vector<std::uint8_t> out;
+    out.reserve(text.size() / 4 * 3);
+    for (std::size_t i = 0; i < text.size(); i += 4) {
+        const bool last = i + 4 == text.size();
+        int v[4];
+        int padding = 0;
+        for (int k = 0; k < 4; ++k) {
+            const char c = text[i + k];
+            if (c == '=' && last && k >= 2 && (k == 3 || text[i + 3] == '=')) {
+                v[k] = 0;
+                ++padding;
+            } else if ((v[k] = value(c)) < 0) {
+                throw std::runtime_error("bad base64 character");
+            }
+        }
+        const std::uint32_t word = (v[0] << 18) | (v[1] << 12) | (v[2] << 6) | v[3];
+        out.push_back(static_cast<std::uint8_t>(word >> 16));
+        if (padding < 2) out.push_back(static_cast<std::uint8_t>(word >> 8));
+        if (padding < 1) out.push_back(static_cast<std::uint8_t>(word));
+    }
+    return out;
+}
+
+RGBA colorAt(const Image& image, int x, int y) {
+    const std::uint32_t p = image.at(x, y);
+    const int a = static_cast<int>(p >> 24);
+    auto straight = [a](std::uint32_t c) { return a == 0 ? 0 : static_cast<int>((c * 255 + a / 2) / a); };
+    return {std::min(255, straight((p >> 16) & 0xff)), std::min(255, straight((p >> 8) & 0xff)),
+            std::min(255, straight(p & 0xff)), a};
+}
+
+bool near(RGBA a, RGBA b, int tolerance) {
+    return std::abs(a.r - b.r) <= tolerance && std::abs(a.g - b.g) <= tolerance &&
+           std::abs(a.b - b.b) <= tolerance && std::abs(a.a - b.a) <= tolerance;
+}
+
+}  // namespace mirel::test
