@@ -1,0 +1,23 @@
+#pragma once
+// The subcommands of `mirel`. Each takes the arguments after its name and
+// gives the process's exit status (see host/arguments.h).
+#include <string>
+#include <vector>
+
+namespace mirel::host {
+
+using Arguments = std::vector<std::string>;
+
+int runAdd(const Arguments& arguments);
+int runList(const Arguments& arguments);
+int runShow(const Arguments& arguments);
+int runDemo(const Arguments& arguments);
+int runPath(const Arguments& arguments);
+
+extern const char* const addUsage;
+extern const char* const listUsage;
+extern const char* const showUsage;
+extern const char* const demoUsage;
+extern const char* const pathUsage;
+
+}  // namespace mirel::host
