@@ -4,6 +4,7 @@
 // Ages in the replies come from the server's real clock, so captures are
 // seeded in the middle of an age step ("5m ago" is 330 seconds back).
 #include "core/platform/clock.h"
+#include "core/platform/text.h"
 #include "core/store/capture_store.h"
 #include "core/store/mirel_paths.h"
 #include "mcp/tools/format.h"
