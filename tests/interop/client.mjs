@@ -10,9 +10,11 @@ import { Client } from "@modelcontextprotocol/sdk/client/index.js";
 import { StdioClientTransport } from "@modelcontextprotocol/sdk/client/stdio.js";
 import { LATEST_PROTOCOL_VERSION } from "@modelcontextprotocol/sdk/types.js";
 import assert from "node:assert/strict";
+import { execFileSync } from "node:child_process";
 import fs from "node:fs";
 import os from "node:os";
 import path from "node:path";
+import zlib from "node:zlib";
 
 const EXPECTED_TOOLS = [
   "list_captures",
@@ -97,7 +99,136 @@ const suites = [
       assert.deepEqual(resources, []);
     });
   },
+
+  // Defined below (hoisted): its own server on a seeded library.
+  screenshots,
 ];
+
+// ---- A seeded library for the screenshot checks ----
+//
+// The library is filed through the product's own command line, `mirel add`,
+// which the build puts beside mirel-mcp (or MIREL_HOST_BINARY names): that
+// keeps this script free of any knowledge of the database schema. The
+// screenshot is a PNG written here with node's zlib.
+
+function crc32(bytes) {
+  let crc = 0xffffffff;
+  for (const byte of bytes) {
+    crc ^= byte;
+    for (let k = 0; k < 8; k += 1) crc = (crc >>> 1) ^ (0xedb88320 & -(crc & 1));
+  }
+  return (crc ^ 0xffffffff) >>> 0;
+}
+
+function pngChunk(type, data) {
+  const head = Buffer.alloc(8);
+  head.writeUInt32BE(data.length, 0);
+  head.write(type, 4, "latin1");
+  const crc = Buffer.alloc(4);
+  crc.writeUInt32BE(crc32(Buffer.concat([head.subarray(4), data])), 0);
+  return Buffer.concat([head, data, crc]);
+}
+
+// An opaque RGB PNG: red left half, blue right half.
+function pngFile(width, height) {
+  const row = Buffer.alloc(1 + width * 3);
+  for (let x = 0; x < width; x += 1) row.set(x < width / 2 ? [255, 0, 0] : [0, 0, 255], 1 + x * 3);
+  const raw = Buffer.concat(Array.from({ length: height }, () => row));
+  const header = Buffer.alloc(13);
+  header.writeUInt32BE(width, 0);
+  header.writeUInt32BE(height, 4);
+  header.set([8, 2, 0, 0, 0], 8);
+  return Buffer.concat([
+    Buffer.from([0x89, 0x50, 0x4e, 0x47, 0x0d, 0x0a, 0x1a, 0x0a]),
+    pngChunk("IHDR", header),
+    pngChunk("IDAT", zlib.deflateSync(raw)),
+    pngChunk("IEND", Buffer.alloc(0)),
+  ]);
+}
+
+// Width and height of a base64 PNG, from its IHDR chunk.
+function pngSize(base64) {
+  const bytes = Buffer.from(base64, "base64");
+  assert.ok(bytes.length > 24, "too short for a PNG");
+  assert.deepEqual([...bytes.subarray(0, 8)], [0x89, 0x50, 0x4e, 0x47, 0x0d, 0x0a, 0x1a, 0x0a], "PNG signature");
+  assert.equal(bytes.subarray(12, 16).toString("latin1"), "IHDR");
+  return [bytes.readUInt32BE(16), bytes.readUInt32BE(20)];
+}
+
+// Files one capture with a 1600×800 screenshot into a new library; returns
+// the library's folder and the capture's id.
+function seedLibrary(binary) {
+  const host = process.env.MIREL_HOST_BINARY || path.join(path.dirname(binary), "mirel");
+  assert.ok(fs.existsSync(host), `the mirel command line is needed to seed a library; not found at ${host}`);
+  const home = fs.mkdtempSync(path.join(os.tmpdir(), "mirel-interop-seeded-"));
+  const shot = path.join(home, "shot.png");
+  fs.writeFileSync(shot, pngFile(1600, 800));
+  const out = execFileSync(host, ["add", shot, "--note", "Save button overlaps the footer", "--app", "Editor"], {
+    env: { ...process.env, MIREL_HOME: home },
+    encoding: "utf8",
+  });
+  const id = out.trim().split(/\s+/).find((word) => /^[0-9a-f]{8}-[0-9a-f-]{27}$/.test(word));
+  assert.ok(id, `no capture id in the output of mirel add: ${out}`);
+  return { home, id };
+}
+
+async function screenshots({ binary }) {
+  let seeded;
+  await check("a library is seeded with one screenshot", () => {
+    seeded = seedLibrary(binary);
+  });
+  if (!seeded) return;
+  const transport = new StdioClientTransport({
+    command: binary,
+    args: [],
+    env: { MIREL_HOME: seeded.home },
+    stderr: "pipe",
+  });
+  const client = new Client({ name: "mirel-interop-screenshots", version: "1.0.0" });
+  try {
+    await client.connect(transport);
+    await check("get_capture returns the detail and an image block the SDK accepts", async () => {
+      // callTool validates the reply against the SDK's CallToolResult schema.
+      const result = await client.callTool({ name: "get_capture", arguments: { id: seeded.id.slice(0, 8) } });
+      assert.equal(result.isError, false, textOf(result));
+      assert.deepEqual(result.content.map((block) => block.type), ["text", "image"]);
+      assert.ok(result.content[0].text.startsWith(`Capture ${seeded.id}\n`), result.content[0].text.slice(0, 80));
+      const image = result.content[1];
+      assert.deepEqual(Object.keys(image).sort(), ["data", "mimeType", "type"]);
+      assert.equal(image.mimeType, "image/png");
+      assert.match(image.data, /^[A-Za-z0-9+/]+={0,2}$/);
+      assert.deepEqual(pngSize(image.data), [1400, 700]);
+    });
+    await check("get_capture honours max_image_edge", async () => {
+      const result = await client.callTool({ name: "get_capture", arguments: { id: seeded.id, max_image_edge: 400 } });
+      assert.deepEqual(pngSize(result.content[1].data), [400, 200]);
+    });
+    await check("resources/read gives the text and the screenshot as a blob", async () => {
+      const uri = `mirel://capture/${seeded.id}`;
+      const { resources } = await client.listResources();
+      assert.deepEqual(resources.map((resource) => resource.uri), [uri]);
+      assert.equal(resources[0].mimeType, "image/png");
+      assert.equal(resources[0].description, "Seen in Editor · OPEN");
+      const { contents } = await client.readResource({ uri });
+      assert.equal(contents.length, 2);
+      assert.equal(contents[0].mimeType, "text/plain");
+      assert.ok(contents[0].text.startsWith(`Capture ${seeded.id}\n`));
+      assert.equal(contents[1].uri, uri);
+      assert.equal(contents[1].mimeType, "image/png");
+      assert.deepEqual(pngSize(contents[1].blob), [1400, 700]);
+    });
+    await check("resources/read of an unknown capture is a JSON-RPC error", async () => {
+      await assert.rejects(client.readResource({ uri: "mirel://capture/zzz" }), (error) => {
+        assert.equal(error.code, -32602);
+        assert.match(error.message, /No capture at mirel:\/\/capture\/zzz\./);
+        return true;
+      });
+    });
+  } finally {
+    await client.close();
+    fs.rmSync(seeded.home, { recursive: true, force: true });
+  }
+}
 
 async function main() {
   const binary = process.argv[2];
