@@ -201,25 +201,6 @@ TEST_F(ImagesTest, DeleteImageOfUnknownOrDeletedIdIsFalse) {
     EXPECT_EQ(store.capture(capture.id)->updatedAt, capture.updatedAt);
 }
 
-TEST_F(ImagesTest, ImagesOfALocalCaptureStayOutOfTheLedger) {
-    Capture local = test::makeCapture();
-    test::seedCaptureRow(db(), local);
-    CaptureImage a = makeImage(local.id, -1);
-    CaptureImage b = makeImage(local.id, -1, test::kSeedDate + 1);
-    store.addImage(a);
-    store.addImage(b);
-    test::setColumn(db(), "capture_images", a.id, "sync_state", SQLValue("synced"));
-    store.deleteImage(a.id);
-    EXPECT_EQ(test::syncStateOf(db(), "capture_images", b.id), "local");
-    EXPECT_FALSE(test::readText(db(), "capture_images", b.id, "pending"));
-    EXPECT_FALSE(test::readText(db(), "capture_images", a.id, "pending"));
-}
-
-TEST_F(ImagesTest, RefreshAndTouchOfAnUnknownCaptureChangeNothing) {
-    EXPECT_NO_THROW(store.refreshCover("no-such-capture"));
-    EXPECT_NO_THROW(store.setCaptureMode(CaptureMode::window, "no-such-capture"));
-}
-
 TEST_F(ImagesTest, SetCaptureModeMarksTheMode) {
     store.setCaptureMode(CaptureMode::window, capture.id);
     const Capture after = *store.capture(capture.id);

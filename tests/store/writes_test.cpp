@@ -222,16 +222,6 @@ INSTANTIATE_TEST_SUITE_P(
                    {"note", "status", "resolved_at"}}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(WritesTest, UpdateMarksGroupChanges) {
-    Capture c = seedShared();
-    CaptureGroup g = test::makeGroup("G");
-    test::seedGroupRow(db(), g);
-    c.groupID = g.id;
-    store.update(c);
-    EXPECT_EQ(test::pendingKeys(db(), "captures", c.id), Fields{"group_id"});
-    EXPECT_EQ(store.capture(c.id)->groupID, g.id);
-}
-
 TEST_F(WritesTest, UpdateOfAnAlreadyDeletedCaptureDoesNotMarkDeleteAgain) {
     Capture c = makeCapture();
     c.workspaceID = "ws-1";
@@ -267,18 +257,6 @@ TEST_F(WritesTest, UpdateOfAnUnknownIdWritesNothing) {
     Capture ghost = makeCapture();
     EXPECT_NO_THROW(store.update(ghost));
     EXPECT_FALSE(test::rowExists(db(), "captures", ghost.id));
-}
-
-TEST_F(WritesTest, WritesToALocalCaptureEnterNothingInTheLedger) {
-    Capture c = makeCapture();
-    test::seedCaptureRow(db(), c);
-    c.note = "changed";
-    store.update(c);
-    store.setStatus(c.id, CaptureStatus::resolved, "you");
-    store.claim(c.id, "claude");
-    store.softDelete(c.id);
-    EXPECT_EQ(test::syncStateOf(db(), "captures", c.id), "local");
-    EXPECT_FALSE(test::readText(db(), "captures", c.id, "pending"));
 }
 
 // ---- lifecycle ----
@@ -430,14 +408,6 @@ TEST_F(WritesTest, LifecycleOfMissingOrDeletedCapturesGivesAbsent) {
     }
     EXPECT_EQ(test::countRows(db(), "SELECT COUNT(*) AS n FROM activity;"), 0);
     EXPECT_EQ(test::readColumn(db(), "captures", gone.id, "status"), SQLValue("open"));
-}
-
-TEST_F(WritesTest, RepeatedStepsGiveRepeatedLines) {
-    Capture c = makeCapture();
-    test::seedCaptureRow(db(), c);
-    store.resolve(c.id, "a", "you");
-    store.resolve(c.id, "a", "you");
-    EXPECT_EQ(store.activity(c.id).size(), 2u);
 }
 
 // ---- softDelete ----
