@@ -16,6 +16,7 @@
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -211,8 +212,16 @@ BENCHMARK(BM_EncodePNG)->Arg(int(ImageCodec::PNGCompression::fast))->Arg(int(Ima
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Base64)->Unit(benchmark::kMillisecond);
 
-// Runs the Pillow script for `iterations` encodes; its per-run times, or none if it failed.
-std::vector<double> runPillow(const fs::path& image, int iterations, std::size_t* base64Bytes) {
+double cpuMilliseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return now.tv_sec * 1e3 + now.tv_nsec / 1e6;
+}
+
+// Runs the Pillow script for `iterations` encodes; its per-run wall times and
+// CPU times, or none if it failed.
+std::vector<double> runPillow(const fs::path& image, int iterations, std::size_t* base64Bytes,
+                              std::vector<double>* cpuTimes) {
     const std::string command = "/usr/bin/python3 '" MIREL_SOURCE_DIR "/bench/pillow_reference.py' '" +
                                 image.string() + "' " + std::to_string(kEdge) + " " + std::to_string(iterations);
     std::vector<double> times;
@@ -220,10 +229,11 @@ std::vector<double> runPillow(const fs::path& image, int iterations, std::size_t
     if (!pipe) return times;
     char line[256];
     while (std::fgets(line, sizeof line, pipe)) {
-        double ms = 0;
+        double ms = 0, cpu = 0;
         std::size_t bytes = 0;
-        if (std::sscanf(line, "ms=%lf bytes=%zu", &ms, &bytes) == 2) {
+        if (std::sscanf(line, "ms=%lf cpu_ms=%lf bytes=%zu", &ms, &cpu, &bytes) == 3) {
             times.push_back(ms);
+            cpuTimes->push_back(cpu);
             *base64Bytes = bytes;
         }
     }
@@ -233,31 +243,34 @@ std::vector<double> runPillow(const fs::path& image, int iterations, std::size_t
 
 void compareWithPillow(int rounds) {
     constexpr int perRound = 3;
-    std::vector<double> ours, pillow;
+    std::vector<double> ours, pillow, oursCPU, pillowCPU;
     std::size_t ourBytes = 0, pillowBytes = 0;
     for (int round = 0; round < rounds; ++round) {
         for (int i = 0; i < perRound; ++i) {
             const auto start = std::chrono::steady_clock::now();
+            const double startCPU = cpuMilliseconds();
             const auto text = mirel::ImageEncoder::encode(gScreenshots[0], kEdge);
             ours.push_back(milliseconds(std::chrono::steady_clock::now() - start));
+            oursCPU.push_back(cpuMilliseconds() - startCPU);
             ourBytes = text ? text->size() : 0;
         }
-        const auto theirs = runPillow(gScreenshots[0], perRound, &pillowBytes);
+        const auto theirs = runPillow(gScreenshots[0], perRound, &pillowBytes, &pillowCPU);
         pillow.insert(pillow.end(), theirs.begin(), theirs.end());
     }
     std::printf("\n== ImageEncoder.encode vs Pillow: %d×%d PNG screenshot (%.2f MB) at edge %d, %zu runs each ==\n",
                 kWidth, kHeight, fs::file_size(gScreenshots[0]) / 1e6, kEdge, ours.size());
-    std::printf("  mirel  median %8.1f ms   (min %.1f)   base64 %zu bytes\n", median(ours),
-                *std::min_element(ours.begin(), ours.end()), ourBytes);
+    // CPU time is printed too: on a busy machine wall time mostly measures the wait.
+    std::printf("  mirel  median %8.1f ms wall (min %.1f), %8.1f ms CPU   base64 %zu bytes\n", median(ours),
+                *std::min_element(ours.begin(), ours.end()), median(oursCPU), ourBytes);
     if (pillow.empty()) {
         std::printf("  Pillow could not be run (needs /usr/bin/python3 with python3-pil)\n");
         return;
     }
-    std::printf("  Pillow median %8.1f ms   (min %.1f)   base64 %zu bytes\n", median(pillow),
-                *std::min_element(pillow.begin(), pillow.end()), pillowBytes);
-    const double ratio = median(pillow) / median(ours);
-    std::printf("  ratio  %.2f× faster than Pillow (target ≥ 2×)   target ≤ 150 ms: %s\n", ratio,
-                median(ours) <= 150 ? "met" : "NOT met");
+    std::printf("  Pillow median %8.1f ms wall (min %.1f), %8.1f ms CPU   base64 %zu bytes\n", median(pillow),
+                *std::min_element(pillow.begin(), pillow.end()), median(pillowCPU), pillowBytes);
+    std::printf("  ratio  %.2f× faster than Pillow by wall time, %.2f× by CPU time (target ≥ 2×)\n",
+                median(pillow) / median(ours), median(pillowCPU) / median(oursCPU));
+    std::printf("  target ≤ 150 ms wall: %s\n", median(ours) <= 150 ? "met" : "NOT met");
 }
 
 // In a fresh process: encode every screenshot once, in sequence, as one
