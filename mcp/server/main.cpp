@@ -30,6 +30,21 @@ void writeStderr(const std::string& text) {
     }
 }
 
+// The library could not be opened: two writes on standard error, nothing on
+// standard output, exit status 1.
+int fatal(const std::string& error) {
+    mirel::logLine("fatal: " + error);
+    std::string path;
+    try {
+        path = mirel::MirelPaths::databaseURL().string();
+    } catch (const std::exception&) {
+        path = "(no home folder)";
+    }
+    writeStderr("Mirel could not open its library at " + path +
+                ".\nLaunch the Mirel app once to create it, then reconnect this MCP server.\n");
+    return 1;
+}
+
 }  // namespace
 
 int main() {
@@ -38,16 +53,9 @@ int main() {
     try {
         server = std::make_unique<mirel::MirelMCPServer>();
     } catch (const std::exception& error) {
-        mirel::logLine("fatal: " + plainRendering(error));
-        std::string path;
-        try {
-            path = mirel::MirelPaths::databaseURL().string();
-        } catch (const std::exception&) {
-            path = "(no home folder)";
-        }
-        writeStderr("Mirel could not open its library at " + path +
-                    ".\nLaunch the Mirel app once to create it, then reconnect this MCP server.\n");
-        return 1;
+        return fatal(plainRendering(error));
+    } catch (...) {
+        return fatal("unknown error");
     }
     server->run(std::cin);
     return 0;

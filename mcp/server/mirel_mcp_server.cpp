@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <exception>
 #include <iterator>
 
 namespace mirel {
@@ -46,7 +47,16 @@ void MirelMCPServer::run(std::istream& input) {
         const std::string line = repairUTF8(raw);
         if (trimWhitespaceAndNewlines(line).empty()) continue;
         if (auto request = JSONRPC::parse(line)) {
-            handle(*request);
+            // Handlers report their own failures; this only keeps a failure
+            // that slipped through from ending the conversation.
+            try {
+                handle(*request);
+            } catch (const std::exception& error) {
+                logLine("failed to handle " + request->method + ": " + error.what());
+                if (request->id)
+                    transport_.send(JSONRPC::error(request->id, JSONRPC::ErrorCode::internalError,
+                                                   "Mirel failed to handle " + request->method + "."));
+            }
         } else {
             transport_.send(JSONRPC::error(std::nullopt, JSONRPC::ErrorCode::parseError,
                                            "Malformed JSON-RPC message."));
