@@ -54,6 +54,15 @@ std::string withThousands(const std::string& number) {
 
 std::string quoted(const std::string& text) { return "\u201C" + text + "\u201D"; }
 
+// "[text]", built by appending: g++ 12 warns falsely (-Wrestrict) on a
+// one-character literal put in front of a temporary string.
+std::string bracketed(const std::string& text) {
+    std::string out = "[";
+    out += text;
+    out += ']';
+    return out;
+}
+
 std::string modeLine(const Capture& capture, const std::vector<CaptureImage>& images) {
     if (images.empty() && capture.imagePath.empty())
         return "Mode: Text only   No screenshot \u2014 this issue was typed, not captured. Go by the note.";
@@ -87,7 +96,7 @@ std::string statusWord(CaptureStatus status) {
 
 std::string listLine(const Capture& capture, const std::optional<std::string>& groupName,
                      const std::vector<std::string>& tags, std::int64_t comments, std::int64_t images) {
-    std::vector<std::string> first = {"[" + idPrefix(capture.id) + "]", statusWord(capture.status)};
+    std::vector<std::string> first = {bracketed(idPrefix(capture.id)), statusWord(capture.status)};
     if (capture.priority == CapturePriority::high) first.push_back("!high");
     first.push_back(capture.title());
 
@@ -213,14 +222,14 @@ std::string detail(const Capture& capture, const std::optional<std::string>& gro
         lines.push_back("");
         lines.push_back("\u2500\u2500 Comments (" + std::to_string(comments.size()) + ") \u2500\u2500");
         for (const auto& comment : comments)
-            lines.push_back("[" + relative(comment.createdAt) + "] " + comment.author + ": " + comment.body);
+            lines.push_back(bracketed(relative(comment.createdAt)) + " " + comment.author + ": " + comment.body);
     }
     if (!activity.empty()) {
         lines.push_back("");
         lines.push_back("\u2500\u2500 History \u2500\u2500");
         const std::size_t from = activity.size() > 12 ? activity.size() - 12 : 0;
         for (std::size_t i = from; i < activity.size(); ++i)
-            lines.push_back("[" + relative(activity[i].createdAt) + "] " + describe(activity[i]));
+            lines.push_back(bracketed(relative(activity[i].createdAt)) + " " + describe(activity[i]));
     }
     lines.push_back("");
 

@@ -62,10 +62,11 @@ ToolResult ToolRegistry::getCapture(const Json& arguments) {
             const std::size_t n = images.size();
             for (std::size_t i = 0; i < n; ++i) {
                 if (attached >= imageBudget) {
-                    result.content.push_back(ToolResult::textBlock(
-                        "(" + std::to_string(n - i) +
-                        " more screenshot(s) on this capture not attached \u2014 ask for this capture on its own "
-                        "to see them.)"));
+                    std::string more = "(";
+                    more += std::to_string(n - i);
+                    more += " more screenshot(s) on this capture not attached \u2014 ask for this capture on its own "
+                            "to see them.)";
+                    result.content.push_back(ToolResult::textBlock(more));
                     break;
                 }
                 const auto& image = images[i];
