@@ -99,8 +99,10 @@ private:
     std::vector<fs::path> folders_;  // created by this filing, outermost first
 };
 
+// Thumbnails and marked-up copies stay on disk, so they are worth the
+// slower, smaller encoding.
 std::vector<std::uint8_t> encodePNG(const Image& image, const std::string& what) {
-    auto png = ImageCodec::encodePNG(image);
+    auto png = ImageCodec::encodePNG(image, ImageCodec::PNGCompression::small);
     if (!png) throw FilingError("could not encode " + what + " as PNG");
     return std::move(*png);
 }
