@@ -243,6 +243,10 @@ int runDemo(const Arguments& arguments) {
         if (demo.images) request.images = demo.images();
         request.annotation = demo.annotation;
         const std::string id = fileCapture(store, request);
+        // The store dates the "created" line now; the demo's history should
+        // start when its capture was filed.
+        store.database().execute("UPDATE activity SET created_at = ? WHERE capture_id = ? AND kind = 'created';",
+                                 {SQLValue(request.capture.createdAt), SQLValue(id)});
         if (demo.afterwards) demo.afterwards(store, id, request.capture.createdAt);
         ++filed;
     }
