@@ -95,6 +95,35 @@ char32_t simpleLower(char32_t c) {
     return c;
 }
 
+char32_t simpleUpper(char32_t c) {
+    if (c >= 'a' && c <= 'z') return c - 32;
+    if (c >= 0xE0 && c <= 0xFE && c != 0xF7) return c - 32;
+    if (c >= 0x100 && c <= 0x17F && simpleLower(c) == c && c != 0x131 && c != 0x138 && c != 0x149 &&
+        c != 0x17F) {
+        const char32_t upper = c - 1;
+        return simpleLower(upper) == c ? upper : c;
+    }
+    if (c >= 0x3B1 && c <= 0x3C9 && c != 0x3C2) return c - 32;
+    if (c >= 0x430 && c <= 0x44F) return c - 32;
+    if (c >= 0x450 && c <= 0x45F) return c - 80;
+    return c;
+}
+
+template <class Mapping>
+std::string mapScalars(std::string_view s, Mapping map) {
+    std::string out;
+    out.reserve(s.size());
+    std::size_t i = 0;
+    while (i < s.size()) {
+        std::size_t length;
+        const char32_t c = decodeAt(s, i, length);
+        if (c == kInvalid) out.append(s.substr(i, length));
+        else appendUTF8(out, map(c));
+        i += length;
+    }
+    return out;
+}
+
 std::vector<char32_t> lowerScalars(std::string_view s) {
     std::vector<char32_t> out;
     std::size_t i = 0;
@@ -136,6 +165,10 @@ std::string asciiLower(std::string_view text) {
     }
     return out;
 }
+
+std::string lowercased(std::string_view text) { return mapScalars(text, simpleLower); }
+
+std::string uppercased(std::string_view text) { return mapScalars(text, simpleUpper); }
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
     return lowerScalars(a) == lowerScalars(b);

@@ -16,8 +16,13 @@ std::string repairUTF8(std::string_view text);
 // Lower-cases ASCII letters only, as SQLite's LOWER does.
 std::string asciiLower(std::string_view text);
 
-// Case-insensitive equality over Unicode simple case mappings of the Latin,
-// Greek and Cyrillic ranges, enough for application and window names.
+// Simple case mappings of the Latin-1, Latin Extended-A, Greek and Cyrillic
+// ranges besides ASCII: enough for tags, names and window titles. Other
+// characters are left as they are.
+std::string lowercased(std::string_view text);
+std::string uppercased(std::string_view text);
+
+// Case-insensitive equality by the same mappings.
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
 
 // Splits at the first line feed that stands as a character of its own: a

@@ -7,14 +7,16 @@
 
 namespace mirel {
 
-namespace {
-
-void removeQuietly(const std::filesystem::path& file) {
+void CaptureStore::removeFileQuietly(const std::filesystem::path& file) {
     std::error_code ignored;
     std::filesystem::remove(file, ignored);
 }
 
-}  // namespace
+void CaptureStore::removeImageFiles(const CaptureImage& image) {
+    if (!image.imagePath.empty()) removeFileQuietly(image.originalURL());
+    if (image.annotatedPath) removeFileQuietly(image.displayURL());
+    if (const auto thumb = image.thumbURL()) removeFileQuietly(*thumb);
+}
 
 std::vector<CaptureImage> CaptureStore::images(const std::string& captureID) {
     const std::vector<Row> rows = db_->query(
@@ -79,9 +81,7 @@ bool CaptureStore::deleteImage(const std::string& id) {
     const std::vector<CaptureImage> siblings = images(target->captureID);
 
     // Files go first; if the rows then fail to change, the row stays without them.
-    if (!target->imagePath.empty()) removeQuietly(target->originalURL());
-    if (target->annotatedPath) removeQuietly(target->displayURL());
-    if (const auto thumb = target->thumbURL()) removeQuietly(*thumb);
+    removeImageFiles(*target);
 
     db_->transaction([&] {
         if (target->syncState == SyncState::local) {

@@ -117,6 +117,10 @@ private:
     void postDidChange();
     // Moves updated_at and sets dirty, without a ledger entry.
     void touch(const std::string& captureID);
+    // Removes an image's original, marked-up file and thumbnail; failures are
+    // ignored (the file may never have been downloaded, or be gone already).
+    static void removeImageFiles(const CaptureImage& image);
+    static void removeFileQuietly(const std::filesystem::path& file);
     // syncMeta with every error read as absent.
     std::optional<std::string> syncMetaOrAbsent(const std::string& key);
 

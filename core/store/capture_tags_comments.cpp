@@ -30,7 +30,7 @@ std::vector<std::string> CaptureStore::allTags() {
 void CaptureStore::replaceTags(const std::vector<std::string>& names, const std::string& captureID) {
     std::set<std::string> normalised;
     for (const std::string& name : names) {
-        std::string tag = asciiLower(trimBlanks(name));
+        std::string tag = lowercased(trimBlanks(name));
         if (!tag.empty()) normalised.insert(std::move(tag));
     }
     db_->transaction([&] {

@@ -9,17 +9,6 @@
 
 namespace mirel {
 
-namespace {
-
-// Removal failures are ignored: the file may never have been downloaded, or
-// be gone already.
-void removeQuietly(const std::filesystem::path& file) {
-    std::error_code ignored;
-    std::filesystem::remove(file, ignored);
-}
-
-}  // namespace
-
 void CaptureStore::insert(const Capture& capture) {
     Capture c = capture;
     if (!c.authorID) c.authorID = syncMetaOrAbsent("user_id");
@@ -177,15 +166,11 @@ void CaptureStore::softDelete(const std::string& id) {
     } catch (const DatabaseError&) {
         // No list of images: the row is still marked, the files stay.
     }
-    for (const CaptureImage& image : live) {
-        if (!image.imagePath.empty()) removeQuietly(image.originalURL());
-        if (image.annotatedPath) removeQuietly(image.displayURL());
-        if (const auto thumb = image.thumbURL()) removeQuietly(*thumb);
-    }
+    for (const CaptureImage& image : live) removeImageFiles(image);
     if (const std::optional<Capture> c = capture(id)) {
         // The cover's own copies, normally already gone with the images.
-        if (!c->imagePath.empty()) removeQuietly(MirelPaths::capturesRoot() / c->imagePath);
-        if (c->thumbPath) removeQuietly(MirelPaths::thumbsRoot() / *c->thumbPath);
+        if (!c->imagePath.empty()) removeFileQuietly(MirelPaths::capturesRoot() / c->imagePath);
+        if (c->thumbPath) removeFileQuietly(MirelPaths::thumbsRoot() / *c->thumbPath);
     }
     const Date now = Clock::now();
     db_->execute("UPDATE captures SET deleted_at = ?, updated_at = ?, dirty = 1 WHERE id = ?;",

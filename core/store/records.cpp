@@ -50,27 +50,6 @@ constexpr std::array<Entry<GroupVisibility>, 2> kVisibilities{{
     {GroupVisibility::private_, "private", "Private"},
 }};
 
-// Upper-cases one UTF-8 scalar for initials: ASCII, Latin-1, basic Greek and
-// Cyrillic, which covers the names people go by here; anything else stays.
-std::string upperCasedScalar(std::string_view scalar) {
-    if (scalar.size() == 1) {
-        const char c = scalar[0];
-        return std::string(1, (c >= 'a' && c <= 'z') ? static_cast<char>(c - 32) : c);
-    }
-    if (scalar.size() != 2) return std::string(scalar);
-    const auto b0 = static_cast<unsigned char>(scalar[0]);
-    const auto b1 = static_cast<unsigned char>(scalar[1]);
-    char32_t c = ((b0 & 0x1F) << 6) | (b1 & 0x3F);
-    if (c >= 0xE0 && c <= 0xFE && c != 0xF7) c -= 32;                     // à..þ
-    else if (c >= 0x3B1 && c <= 0x3C9 && c != 0x3C2) c -= 32;             // α..ω
-    else if (c >= 0x430 && c <= 0x44F) c -= 32;                           // а..я
-    else if (c >= 0x450 && c <= 0x45F) c -= 80;                           // ѐ..џ
-    else return std::string(scalar);
-    std::string out;
-    out += static_cast<char>(0xC0 | (c >> 6));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-    return out;
-}
 
 template <class Enum, std::size_t N>
 const Entry<Enum>& entry(const std::array<Entry<Enum>, N>& table, Enum value) {
@@ -157,7 +136,7 @@ std::string Person::initials() const {
         if (lead >= 0xF0) length = 4;
         else if (lead >= 0xE0) length = 3;
         else if (lead >= 0xC0) length = 2;
-        out += upperCasedScalar(std::string_view(name).substr(i, length));
+        out += uppercased(std::string_view(name).substr(i, length));
         ++words;
         while (i < name.size() && name[i] != ' ') ++i;
     }
