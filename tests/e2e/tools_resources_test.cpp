@@ -63,7 +63,7 @@ TEST_F(ResourcesTest, ReadGivesTheDetailAndTheUnmarkedCover) {
     const std::string detail =
         McpProcess::text(call("get_capture", {{"id", capture.id}, {"include_image", false}}));
 
-    for (const std::string uri : {"mirel://capture/" + capture.id, capture.id, idPrefix(capture.id),
+    for (const std::string& uri : {"mirel://capture/" + capture.id, capture.id, idPrefix(capture.id),
                                   "mirel://capture/" + idPrefix(capture.id),
                                   "x-mirel://capture/mirel://capture/" + capture.id}) {
         const Json reply = read(uri);
