@@ -214,15 +214,15 @@ int main(int argc, char** argv) {
         for (int i = 0; i < std::min(runs, 30); ++i) {
             std::vector<mirel::Capture> found;
             time(captures, [&] { found = store.captures(query); });
+            std::vector<std::string> ids;
+            for (const auto& capture : found) ids.push_back(capture.id);
             time(groups, [&] { store.groups(); });
-            time(comments, [&] { store.commentCounts(); });
-            time(images, [&] { store.imageCounts(); });
-            time(tags, [&] {
-                for (const auto& capture : found) store.tags(capture.id);
-            });
+            time(comments, [&] { store.commentCounts(ids); });
+            time(images, [&] { store.imageCounts(ids); });
+            time(tags, [&] { store.tagsByCapture(ids); });
         }
         std::printf("store calls (median): captures %.2f ms, groups %.2f ms, commentCounts %.2f ms, "
-                    "imageCounts %.2f ms, tags x200 %.2f ms\n",
+                    "imageCounts %.2f ms, tags of 200 %.2f ms\n",
                     summarize(captures).median, summarize(groups).median, summarize(comments).median,
                     summarize(images).median, summarize(tags).median);
     }

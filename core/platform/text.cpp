@@ -145,6 +145,10 @@ std::string trimWhitespaceAndNewlines(std::string_view text) {
 }
 
 std::string repairUTF8(std::string_view text) {
+    // Most text is ASCII; it needs no decoding.
+    std::size_t firstHigh = 0;
+    while (firstHigh < text.size() && static_cast<unsigned char>(text[firstHigh]) < 0x80) ++firstHigh;
+    if (firstHigh == text.size()) return std::string(text);
     std::string out;
     out.reserve(text.size());
     std::size_t i = 0;

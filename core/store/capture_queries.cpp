@@ -3,6 +3,7 @@
 // at the next read.
 #include "core/platform/text.h"
 #include "core/store/capture_store.h"
+#include "core/store/sql_lists.h"
 
 #include <charconv>
 
@@ -59,12 +60,8 @@ std::vector<Capture> CaptureStore::captures(const CaptureQuery& query) {
         values.emplace_back(*query.tag);
     }
     if (query.statuses && !query.statuses->empty()) {
-        std::vector<std::string> marks;
-        for (const auto status : *query.statuses) {
-            marks.push_back("?");
-            values.emplace_back(std::string(rawValue(status)));
-        }
-        conditions.push_back("c.status IN (" + join(marks, ",") + ")");
+        for (const auto status : *query.statuses) values.emplace_back(std::string(rawValue(status)));
+        conditions.push_back("c.status IN (" + placeholders(query.statuses->size()) + ")");
     }
     if (query.groupID) {
         conditions.push_back("c.group_id = ?");
@@ -126,9 +123,10 @@ std::map<CaptureStatus, std::int64_t> CaptureStore::countsByStatus() {
 
 namespace {
 
-std::map<std::string, std::int64_t> countsByCapture(Database& db, const std::string& sql) {
+std::map<std::string, std::int64_t> countsByCapture(Database& db, const std::string& sql,
+                                                    const std::vector<SQLValue>& values = {}) {
     std::map<std::string, std::int64_t> counts;
-    for (const auto& row : db.query(sql)) {
+    for (const auto& row : db.query(sql, values)) {
         const auto id = row.string("capture_id");
         if (!id) continue;
         counts[*id] = row.intValue("n").value_or(0);
@@ -145,6 +143,22 @@ std::map<std::string, std::int64_t> CaptureStore::imageCounts() {
 
 std::map<std::string, std::int64_t> CaptureStore::commentCounts() {
     return countsByCapture(*db_, "SELECT capture_id, COUNT(*) AS n FROM comments GROUP BY capture_id;");
+}
+
+std::map<std::string, std::int64_t> CaptureStore::imageCounts(const std::vector<std::string>& captureIDs) {
+    if (captureIDs.empty()) return {};
+    return countsByCapture(*db_,
+                           "SELECT capture_id, COUNT(*) AS n FROM capture_images WHERE capture_id IN (" +
+                               placeholders(captureIDs.size()) + ") GROUP BY capture_id;",
+                           textValues(captureIDs));
+}
+
+std::map<std::string, std::int64_t> CaptureStore::commentCounts(const std::vector<std::string>& captureIDs) {
+    if (captureIDs.empty()) return {};
+    return countsByCapture(*db_,
+                           "SELECT capture_id, COUNT(*) AS n FROM comments WHERE capture_id IN (" +
+                               placeholders(captureIDs.size()) + ") GROUP BY capture_id;",
+                           textValues(captureIDs));
 }
 
 std::string CaptureStore::changeStamp() {

@@ -47,6 +47,10 @@ public:
     std::map<CaptureStatus, std::int64_t> countsByStatus();
     std::map<std::string, std::int64_t> imageCounts();
     std::map<std::string, std::int64_t> commentCounts();
+    // The same counts for the given captures only: what one page of a list
+    // needs, without a scan of the whole library.
+    std::map<std::string, std::int64_t> imageCounts(const std::vector<std::string>& captureIDs);
+    std::map<std::string, std::int64_t> commentCounts(const std::vector<std::string>& captureIDs);
     std::string changeStamp();
 
     // ---- Capture writes and lifecycle ----
@@ -81,6 +85,9 @@ public:
     // ---- Tags, comments, activity ----
     std::vector<std::string> tags(const std::string& captureID);
     std::vector<std::string> allTags();
+    // tags(for:) of several captures in one statement; captures without tags
+    // are missing from the map.
+    std::map<std::string, std::vector<std::string>> tagsByCapture(const std::vector<std::string>& captureIDs);
     void setTags(const std::vector<std::string>& names, const std::string& captureID);
     void replaceTags(const std::vector<std::string>& names, const std::string& captureID);
     std::vector<Comment> comments(const std::string& captureID);

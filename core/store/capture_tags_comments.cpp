@@ -1,6 +1,7 @@
 // The small data hung on a capture: tags, comments and the history lines.
 #include "core/platform/text.h"
 #include "core/store/capture_store.h"
+#include "core/store/sql_lists.h"
 
 #include <set>
 
@@ -14,6 +15,23 @@ std::vector<std::string> CaptureStore::tags(const std::string& captureID) {
         if (auto name = row.string("name")) names.push_back(std::move(*name));
     }
     return names;
+}
+
+std::map<std::string, std::vector<std::string>> CaptureStore::tagsByCapture(
+    const std::vector<std::string>& captureIDs) {
+    std::map<std::string, std::vector<std::string>> byCapture;
+    if (captureIDs.empty()) return byCapture;
+    const auto rows = db_->query(
+        "SELECT ct.capture_id AS capture_id, t.name AS name FROM tags t JOIN capture_tags ct ON ct.tag_id = t.id "
+        "WHERE ct.capture_id IN (" + placeholders(captureIDs.size()) +
+            ") ORDER BY ct.capture_id, t.name COLLATE NOCASE;",
+        textValues(captureIDs));
+    for (const Row& row : rows) {
+        auto id = row.string("capture_id");
+        auto name = row.string("name");
+        if (id && name) byCapture[*id].push_back(std::move(*name));
+    }
+    return byCapture;
 }
 
 std::vector<std::string> CaptureStore::allTags() {

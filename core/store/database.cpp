@@ -94,39 +94,41 @@ std::vector<Row> Database::query(const std::string& sql, const std::vector<SQLVa
     sqlite3_stmt* stmt = statement.get();
     if (!stmt) return rows;
     const int columns = sqlite3_column_count(stmt);
-    std::vector<std::string> names;
-    names.reserve(columns);
+    auto names = std::make_shared<Row::Columns>();
+    names->reserve(columns);
     for (int i = 0; i < columns; ++i) {
         const char* name = sqlite3_column_name(stmt, i);
-        names.emplace_back(name ? name : "");
+        names->emplace_back(name ? name : "");
     }
     while (sqlite3_step(stmt) == SQLITE_ROW) {
-        Row row;
+        std::vector<SQLValue> cells;
+        cells.reserve(columns);
         for (int i = 0; i < columns; ++i) {
             switch (sqlite3_column_type(stmt, i)) {
                 case SQLITE_INTEGER:
-                    row.values[names[i]] = SQLValue(static_cast<std::int64_t>(sqlite3_column_int64(stmt, i)));
+                    cells.emplace_back(static_cast<std::int64_t>(sqlite3_column_int64(stmt, i)));
                     break;
                 case SQLITE_FLOAT:
-                    row.values[names[i]] = SQLValue(sqlite3_column_double(stmt, i));
+                    cells.emplace_back(sqlite3_column_double(stmt, i));
                     break;
                 case SQLITE_TEXT: {
+                    // Without a pointer the column reads as missing, like NULL.
                     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, i));
-                    if (text) row.values[names[i]] = SQLValue(repairUTF8(text));
+                    cells.push_back(text ? SQLValue(repairUTF8(text)) : SQLValue::null());
                     break;
                 }
                 case SQLITE_BLOB: {
                     const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt, i));
                     const int count = sqlite3_column_bytes(stmt, i);
-                    row.values[names[i]] = SQLValue::blob(bytes ? Blob(bytes, bytes + count) : Blob{});
+                    cells.push_back(SQLValue::blob(bytes ? Blob(bytes, bytes + count) : Blob{}));
                     break;
                 }
                 default:
-                    row.values[names[i]] = SQLValue::null();
+                    cells.push_back(SQLValue::null());
                     break;
             }
         }
-        rows.push_back(std::move(row));
+        rows.emplace_back(names, std::move(cells));
     }
     return rows;
 }

@@ -4,13 +4,27 @@
 #include "core/store/sql_value.h"
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace mirel {
 
-struct Row {
-    std::map<std::string, SQLValue> values;
+class Row {
+public:
+    using Columns = std::vector<std::string>;
+
+    Row() = default;
+    // A row made by hand (tests, fixtures).
+    explicit Row(const std::map<std::string, SQLValue>& values);
+    // A result row: every row of one result shares its column names.
+    Row(std::shared_ptr<const Columns> columns, std::vector<SQLValue> cells)
+        : columns_(std::move(columns)), cells_(std::move(cells)) {}
+
+    // The value under a column name; with two columns of one name, the later.
+    const SQLValue* value(const std::string& column) const;
+    const Columns& columnNames() const;
 
     // Text columns only; numbers and blobs are never turned into text.
     std::optional<std::string> string(const std::string& column) const;
@@ -27,7 +41,8 @@ struct Row {
     std::optional<Blob> data(const std::string& column) const;
 
 private:
-    const SQLValue* find(const std::string& column) const;
+    std::shared_ptr<const Columns> columns_;
+    std::vector<SQLValue> cells_;
 };
 
 }  // namespace mirel

@@ -45,11 +45,20 @@ ToolResult ToolRegistry::listCaptures(const Json& arguments) {
 
     std::map<std::string, std::string> groupNames;
     for (const auto& group : store_.groups()) groupNames.emplace(group.id, group.name);
-    const auto commentCounts = store_.commentCounts();
-    const auto imageCounts = store_.imageCounts();
+    // Counts and tags for the listed captures only, each in one statement, so
+    // a page of the list costs the same on a board of any size.
+    std::vector<std::string> ids;
+    for (const auto& capture : captures) ids.push_back(capture.id);
+    const auto commentCounts = store_.commentCounts(ids);
+    const auto imageCounts = store_.imageCounts(ids);
+    const auto tags = store_.tagsByCapture(ids);
     const auto countOf = [](const std::map<std::string, std::int64_t>& counts, const std::string& id) {
         const auto it = counts.find(id);
         return it == counts.end() ? std::int64_t{0} : it->second;
+    };
+    const auto tagsOf = [&tags](const std::string& id) {
+        const auto it = tags.find(id);
+        return it == tags.end() ? std::vector<std::string>{} : it->second;
     };
 
     std::vector<std::string> lines;
@@ -61,7 +70,7 @@ ToolResult ToolRegistry::listCaptures(const Json& arguments) {
             const auto it = groupNames.find(*capture.groupID);
             if (it != groupNames.end()) groupName = it->second;
         }
-        lines.push_back(Format::listLine(capture, groupName, store_.tags(capture.id),
+        lines.push_back(Format::listLine(capture, groupName, tagsOf(capture.id),
                                          countOf(commentCounts, capture.id), countOf(imageCounts, capture.id)));
     }
     lines.push_back("");

@@ -56,15 +56,15 @@ TEST_F(DatabaseTest, BoundValuesRoundTrip) {
 
     const auto rows = db.query("SELECT x, typeof(x) AS kind FROM t ORDER BY rowid");
     ASSERT_EQ(rows.size(), 8u);
-    EXPECT_EQ(rows[0].values.at("x"), SQLValue(std::int64_t{-9007199254740993}));
-    EXPECT_EQ(rows[1].values.at("x"), SQLValue(2.5));
-    EXPECT_EQ(rows[2].values.at("x"), SQLValue("naïve ✓"));
-    EXPECT_EQ(rows[3].values.at("x"), SQLValue::blob(bytes));
+    EXPECT_EQ(*rows[0].value("x"), SQLValue(std::int64_t{-9007199254740993}));
+    EXPECT_EQ(*rows[1].value("x"), SQLValue(2.5));
+    EXPECT_EQ(*rows[2].value("x"), SQLValue("naïve ✓"));
+    EXPECT_EQ(*rows[3].value("x"), SQLValue::blob(bytes));
     // An empty blob is a zero-length blob, not NULL.
     EXPECT_EQ(rows[4].string("kind"), "blob");
     EXPECT_EQ(rows[4].data("x"), Blob{});
-    EXPECT_TRUE(rows[5].values.at("x").isNull());
-    EXPECT_TRUE(rows[6].values.at("x").isNull());
+    EXPECT_TRUE(rows[5].value("x")->isNull());
+    EXPECT_TRUE(rows[6].value("x")->isNull());
     EXPECT_EQ(rows[7].intValue("x"), 7);
 }
 
@@ -113,13 +113,12 @@ TEST_F(DatabaseTest, RowsKeyColumnsByNameAndCopyText) {
 
 TEST(RowTest, AccessorsConvertOnlyWhatFits) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    Row row;
-    row.values = {
+    const Row row({
         {"int", SQLValue(42)},       {"zero", SQLValue(0)},        {"half", SQLValue(0.5)},
         {"neg", SQLValue(-1.7)},     {"big", SQLValue(1e300)},     {"small", SQLValue(-1e300)},
         {"nan", SQLValue(nan)},      {"text", SQLValue("5")},      {"blob", SQLValue::blob({1, 2})},
         {"null", SQLValue::null()},  {"onehalf", SQLValue(1.5)},
-    };
+    });
     struct Expect {
         std::string column;
         std::optional<std::string> string;

@@ -226,12 +226,21 @@ TEST_F(CaptureQueriesTest, CountsAndChangeStamp) {
 
     test::seedComment(db(), makeComment(b.id, "first", "Ada", false, 1800));
     EXPECT_EQ(store.commentCounts(), (std::map<std::string, std::int64_t>{{b.id, 1}}));
+    // Counting for a page of ids gives the same figures, for those ids only.
+    EXPECT_EQ(store.imageCounts({a.id, b.id}), (std::map<std::string, std::int64_t>{{a.id, 2}}));
+    EXPECT_EQ(store.commentCounts({a.id, b.id}), (std::map<std::string, std::int64_t>{{b.id, 1}}));
+    EXPECT_TRUE(store.imageCounts(std::vector<std::string>{}).empty());
     EXPECT_EQ(store.changeStamp(), "4-1716.5-1-1800.0");
 
     test::setColumn(db(), "captures", b.id, "updated_at", SQLValue(2000.125));
     EXPECT_EQ(store.changeStamp(), "4-2000.125-1-1800.0");
     test::seedTag(db(), b.id, "later");  // tags leave the stamp alone
     EXPECT_EQ(store.changeStamp(), "4-2000.125-1-1800.0");
+    test::seedTag(db(), b.id, "Earlier");
+    test::seedTag(db(), a.id, "mine");
+    const auto byCapture = store.tagsByCapture({b.id, gone.id});
+    EXPECT_EQ(byCapture, (std::map<std::string, std::vector<std::string>>{{b.id, store.tags(b.id)}}));
+    EXPECT_EQ(byCapture.at(b.id), (std::vector<std::string>{"Earlier", "later"}));
     test::setColumn(db(), "captures", b.id, "updated_at", SQLValue(100.0));
     test::setColumn(db(), "captures", a.id, "updated_at", SQLValue(1716.0));
     EXPECT_EQ(store.changeStamp(), "4-1716.0-1-1800.0");

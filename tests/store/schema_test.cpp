@@ -350,7 +350,7 @@ TEST_P(OldLibraryTest, MigratesWithItsData) {
 
     // The foreign keys follow the renames.
     db.execute("DELETE FROM groups WHERE id = 'g-up'");
-    EXPECT_TRUE(db.query("SELECT group_id FROM captures WHERE id = 'c-live'")[0].values.at("group_id").isNull());
+    EXPECT_TRUE(db.query("SELECT group_id FROM captures WHERE id = 'c-live'")[0].value("group_id")->isNull());
     db.execute("DELETE FROM captures WHERE id = 'c-live'");
     EXPECT_EQ(db.query("SELECT count(*) AS n FROM comments")[0].intValue("n"), 0);
     EXPECT_EQ(db.query("SELECT count(*) AS n FROM capture_tags")[0].intValue("n"), 0);

@@ -293,10 +293,10 @@ TEST_P(LifecycleTest, ChangesTheListedFieldsAndLeavesOneLine) {
     ASSERT_TRUE(result);
     EXPECT_EQ(result, store.capture(c.id));
     EXPECT_EQ(result->status, param.status);
-    if (param.keepsClaimedBy) EXPECT_EQ(result->claimedBy, "earlier");
-    if (param.keepsClaimedAt) EXPECT_EQ(result->claimedAt, 10.0);
-    if (param.resolvedNow) EXPECT_EQ(result->resolvedAt, kNow);
-    if (param.resolvedCleared) EXPECT_FALSE(result->resolvedAt);
+    if (param.keepsClaimedBy) { EXPECT_EQ(result->claimedBy, "earlier"); }
+    if (param.keepsClaimedAt) { EXPECT_EQ(result->claimedAt, 10.0); }
+    if (param.resolvedNow) { EXPECT_EQ(result->resolvedAt, kNow); }
+    if (param.resolvedCleared) { EXPECT_FALSE(result->resolvedAt); }
     EXPECT_EQ(result->resolutionRef, param.resolutionRef);
     EXPECT_EQ(result->assigneeID, param.assignee);
 

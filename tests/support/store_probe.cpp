@@ -7,8 +7,8 @@ namespace mirel::test {
 SQLValue readColumn(Database& db, const std::string& table, const std::string& id, const std::string& column) {
     const auto rows = db.query("SELECT " + column + " AS v FROM " + table + " WHERE id = ?;", {SQLValue(id)});
     if (rows.empty()) return SQLValue::null();
-    const auto found = rows.front().values.find("v");
-    return found == rows.front().values.end() ? SQLValue::null() : found->second;
+    const SQLValue* found = rows.front().value("v");
+    return found ? *found : SQLValue::null();
 }
 
 std::optional<std::string> readText(Database& db, const std::string& table, const std::string& id,
@@ -32,8 +32,8 @@ bool rowExists(Database& db, const std::string& table, const std::string& id) {
 
 std::int64_t countRows(Database& db, const std::string& sqlCount, const std::vector<SQLValue>& values) {
     const auto rows = db.query(sqlCount, values);
-    if (rows.empty() || rows.front().values.empty()) return -1;
-    return rows.front().intValue(rows.front().values.begin()->first).value_or(-1);
+    if (rows.empty() || rows.front().columnNames().empty()) return -1;
+    return rows.front().intValue(rows.front().columnNames().front()).value_or(-1);
 }
 
 }  // namespace mirel::test
