@@ -38,7 +38,7 @@ def main():
     server = subprocess.Popen([sys.argv[1]], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
     next_id = 0
 
-    def send(method, params=None, notify=False):
+    def send(method, params=None, notify=False, quiet=False):
         nonlocal next_id
         message = {"jsonrpc": "2.0", "method": method}
         if params is not None:
@@ -53,21 +53,27 @@ def main():
         if notify:
             return None
         reply = json.loads(server.stdout.readline())
-        print("← " + json.dumps(summarise(reply), ensure_ascii=False, indent=2))
+        if not quiet:
+            print("← " + json.dumps(summarise(reply), ensure_ascii=False, indent=2))
         return reply
 
     send("initialize", {"protocolVersion": "2025-06-18", "capabilities": {},
                         "clientInfo": {"name": "mirel-demo", "version": "1"}})
     send("notifications/initialized", notify=True)
-    tools = send("tools/list")
-    print("   tools: " + ", ".join(t["name"] for t in tools["result"]["tools"]))
+    tools = send("tools/list", quiet=True)
+    print("← (nine tool definitions) " + ", ".join(t["name"] for t in tools["result"]["tools"]))
     listing = send("tools/call", {"name": "list_captures", "arguments": {"limit": 10}})
     send("tools/call", {"name": "list_groups", "arguments": {}})
     send("tools/call", {"name": "capture_stats", "arguments": {}})
     text = listing["result"]["content"][0]["text"]
-    ids = re.findall(r"^\[([0-9a-f]{1,8})\]", text, re.MULTILINE)
-    if ids:
-        send("tools/call", {"name": "get_capture", "arguments": {"id": ids[0], "max_image_edge": 800}})
+    # Look at the capture with the most screenshots, else the first one.
+    entries = re.findall(r"^\[([0-9a-f]{1,8})\].*\n(.*)$", text, re.MULTILINE)
+    if entries:
+        def screenshots(entry):
+            found = re.search(r"(\d+) screenshots", entry[1])
+            return int(found.group(1)) if found else 0
+        chosen = max(entries, key=screenshots)[0]
+        send("tools/call", {"name": "get_capture", "arguments": {"id": chosen, "max_image_edge": 800}})
     send("resources/list")
     server.stdin.close()
     server.wait()
