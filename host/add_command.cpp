@@ -46,7 +46,7 @@ const char* const addUsage =
 
 namespace {
 
-const std::vector<OptionSpec> addOptions = {
+const std::vector<OptionDefinition> addOptions = {
     {"note"},   {"note-file"}, {"app"},  {"bundle-id"}, {"window"},   {"url"},      {"display"},
     {"scale"},  {"mode"},      {"group"}, {"tag", true}, {"priority"}, {"annotate"},
 };

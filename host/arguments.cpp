@@ -18,7 +18,7 @@ std::vector<std::string> ParsedArguments::values(const std::string& name) const 
     return found == options.end() ? std::vector<std::string>{} : found->second;
 }
 
-ParsedArguments parseArguments(const std::vector<std::string>& arguments, const std::vector<OptionSpec>& specs) {
+ParsedArguments parseArguments(const std::vector<std::string>& arguments, const std::vector<OptionDefinition>& options) {
     ParsedArguments parsed;
     bool optionsEnded = false;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
@@ -45,9 +45,9 @@ ParsedArguments parseArguments(const std::vector<std::string>& arguments, const 
             name.resize(equals);
         }
         if (name == "help") throw UsageError("--help takes no value");
-        auto spec = std::find_if(specs.begin(), specs.end(), [&](const OptionSpec& s) { return s.name == name; });
-        if (spec == specs.end()) throw UsageError("unknown option --" + name);
-        if (!spec->repeatable && parsed.has(name)) throw UsageError("--" + name + " given more than once");
+        auto option = std::find_if(options.begin(), options.end(), [&](const OptionDefinition& s) { return s.name == name; });
+        if (option == options.end()) throw UsageError("unknown option --" + name);
+        if (!option->repeatable && parsed.has(name)) throw UsageError("--" + name + " given more than once");
 
         std::string value;
         if (inlineValue) {

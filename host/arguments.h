@@ -21,7 +21,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-struct OptionSpec {
+struct OptionDefinition {
     std::string name;  // without the leading "--"
     bool repeatable = false;
 };
@@ -38,9 +38,9 @@ struct ParsedArguments {
     std::vector<std::string> values(const std::string& name) const;
 };
 
-// Every option in `specs` takes a value. A non-repeatable option given twice,
+// Every option in `options` takes a value. A non-repeatable option given twice,
 // an unknown option or a missing value throws UsageError.
-ParsedArguments parseArguments(const std::vector<std::string>& arguments, const std::vector<OptionSpec>& specs);
+ParsedArguments parseArguments(const std::vector<std::string>& arguments, const std::vector<OptionDefinition>& options);
 
 // Writes "mirel {command}: {message}" and the command's usage to standard
 // error; gives exitUsage.
