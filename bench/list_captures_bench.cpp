@@ -10,6 +10,7 @@
 // Run it from a Release build with the benchmarks switched on:
 //   cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DMIREL_BUILD_BENCH=ON
 //   ninja -C build-bench list_captures_bench && build-bench/bench/list_captures_bench [runs]
+#include "bench/piped_child.h"
 #include "core/platform/json.h"
 #include "core/store/capture_store.h"
 #include "mcp/tools/tool_registry.h"
@@ -30,7 +31,6 @@
 #include <string>
 #include <vector>
 
-extern char** environ;
 
 namespace {
 
@@ -113,20 +113,10 @@ Figures summarize(std::vector<double> ms) {
 class Server {
 public:
     explicit Server(const char* program) {
-        int in[2], out[2];
-        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-        char* argv[] = {const_cast<char*>(program), nullptr};
-        if (posix_spawn(&pid_, program, &actions, nullptr, argv, environ) != 0) throw std::runtime_error("spawn");
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(in[0]);
-        ::close(out[1]);
-        input_ = in[1];
-        output_ = out[0];
+        const PipedChild child = spawnPiped(program);
+        pid_ = child.pid;
+        input_ = child.input;
+        output_ = child.output;
     }
     ~Server() {
         ::close(input_);

@@ -8,6 +8,7 @@
 //
 // It prints the median and p90 over the runs (default 50), after a few
 // warm-up runs, next to the cost of spawning a trivial program for scale.
+#include "bench/piped_child.h"
 #include "core/store/capture_store.h"
 
 #include <fcntl.h>
@@ -24,7 +25,6 @@
 #include <string>
 #include <vector>
 
-extern char** environ;
 
 namespace {
 
@@ -64,36 +64,23 @@ void seedLibrary(const fs::path& database) {
 // the time until the first line arrives on its stdout (or until it exits when
 // `input` is empty).
 double timeOneRun(const char* program, const std::string& input) {
-    int in[2], out[2];
-    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    char* argv[] = {const_cast<char*>(program), nullptr};
-
     const auto start = Clock::now();
-    pid_t pid;
-    if (posix_spawn(&pid, program, &actions, nullptr, argv, environ) != 0) throw std::runtime_error("spawn");
-    ::close(in[0]);
-    ::close(out[1]);
-    if (!input.empty() && ::write(in[1], input.data(), input.size()) != static_cast<ssize_t>(input.size()))
+    const PipedChild child = spawnPiped(program);
+    if (!input.empty() && ::write(child.input, input.data(), input.size()) != static_cast<ssize_t>(input.size()))
         throw std::runtime_error("write");
     std::string reply;
     char buffer[8192];
     while (reply.find('\n') == std::string::npos) {
-        const ssize_t n = ::read(out[0], buffer, sizeof buffer);
+        const ssize_t n = ::read(child.output, buffer, sizeof buffer);
         if (n <= 0) break;
         reply.append(buffer, static_cast<std::size_t>(n));
     }
     const auto end = Clock::now();
 
-    ::close(in[1]);
-    ::close(out[0]);
+    ::close(child.input);
+    ::close(child.output);
     int status = 0;
-    ::waitpid(pid, &status, 0);
-    posix_spawn_file_actions_destroy(&actions);
+    ::waitpid(child.pid, &status, 0);
     if (!input.empty() && reply.find("\"protocolVersion\":\"2025-06-18\"") == std::string::npos)
         throw std::runtime_error("no initialize reply: " + reply);
     return std::chrono::duration<double, std::milli>(end - start).count();
