@@ -122,10 +122,10 @@ bool answers() {
         nullptr, deadline.get(), &rawError));
     std::unique_ptr<GError, ErrorDeleter> error(rawError);
     if (!bus) return false;
-    std::unique_ptr<GVariant, VariantDeleter> reply(g_dbus_connection_call_sync(
-        bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner",
-        g_variant_new("(s)", secretServiceName), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, probeMilliseconds,
-        deadline.get(), &rawError));
+    std::unique_ptr<GVariant, VariantDeleter> reply(
+        g_dbus_connection_call_sync(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                    "NameHasOwner", g_variant_new("(s)", secretServiceName), G_VARIANT_TYPE("(b)"),
+                                    G_DBUS_CALL_FLAGS_NONE, probeMilliseconds, deadline.get(), &rawError));
     error.reset(rawError);
     gboolean owned = FALSE;
     if (reply) g_variant_get(reply.get(), "(b)", &owned);
@@ -137,9 +137,9 @@ std::optional<std::string> read(const std::string& account) {
     ServiceSession session;
     if (!session.service) return std::nullopt;
     GError* rawError = nullptr;
-    std::unique_ptr<SecretValue, SecretValueDeleter> value(secret_password_lookup_binary_sync(
-        tokenSchema(), session.deadline.get(), &rawError, "service", Keychain::service, "account", account.c_str(),
-        nullptr));
+    std::unique_ptr<SecretValue, SecretValueDeleter> value(
+        secret_password_lookup_binary_sync(tokenSchema(), session.deadline.get(), &rawError, "service",
+                                           Keychain::service, "account", account.c_str(), nullptr));
     std::unique_ptr<GError, ErrorDeleter> error(rawError);
     if (!value) return std::nullopt;
     gsize length = 0;
@@ -154,9 +154,9 @@ bool write(const std::string& value, const std::string& account) {
     if (!session.service) return false;
     GError* rawError = nullptr;
     // Storing under the same attributes replaces the item: one item per account.
-    const gboolean stored = secret_password_store_sync(
-        tokenSchema(), SECRET_COLLECTION_DEFAULT, "Mirel sync session", value.c_str(), session.deadline.get(), &rawError,
-        "service", Keychain::service, "account", account.c_str(), nullptr);
+    const gboolean stored = secret_password_store_sync(tokenSchema(), SECRET_COLLECTION_DEFAULT, "Mirel sync session",
+                                                       value.c_str(), session.deadline.get(), &rawError, "service",
+                                                       Keychain::service, "account", account.c_str(), nullptr);
     std::unique_ptr<GError, ErrorDeleter> error(rawError);
     return stored;
 }
@@ -165,8 +165,8 @@ void remove(const std::string& account) {
     ServiceSession session;
     if (!session.service) return;
     GError* rawError = nullptr;
-    secret_password_clear_sync(tokenSchema(), session.deadline.get(), &rawError, "service", Keychain::service, "account",
-                               account.c_str(), nullptr);
+    secret_password_clear_sync(tokenSchema(), session.deadline.get(), &rawError, "service", Keychain::service,
+                               "account", account.c_str(), nullptr);
     std::unique_ptr<GError, ErrorDeleter> error(rawError);
 }
 
