@@ -28,10 +28,10 @@ StoredRecord read(const Statement& s) {
 std::string nameKey(const std::string& name) { return asciiLower(name); }
 
 std::optional<StoredRecord> load(Connection& db, const std::string& kind, const std::string& id) {
-    auto s = db.prepare(std::string("SELECT ") + kColumns + " FROM records WHERE kind = ? AND id = ?;");
-    s.bind(1, kind).bind(2, id);
-    if (!s.step()) return std::nullopt;
-    return read(s);
+    auto s = db.cached(std::string("SELECT ") + kColumns + " FROM records WHERE kind = ? AND id = ?;");
+    s->bind(1, kind).bind(2, id);
+    if (!s->step()) return std::nullopt;
+    return read(*s);
 }
 
 std::int64_t save(Connection& db, const StoredRecord& record) {
@@ -54,11 +54,11 @@ void hideChildren(Connection& db, const std::string& captureID) {
 }
 
 std::optional<StoredRecord> groupNamed(Connection& db, const std::string& workspaceID, const std::string& name) {
-    auto s = db.prepare(std::string("SELECT ") + kColumns +
-                        " FROM records WHERE kind = 'groups' AND workspace_id = ? AND name_key = ?;");
-    s.bind(1, workspaceID).bind(2, nameKey(name));
-    if (!s.step()) return std::nullopt;
-    return read(s);
+    auto s = db.cached(std::string("SELECT ") + kColumns +
+                       " FROM records WHERE kind = 'groups' AND workspace_id = ? AND name_key = ?;");
+    s->bind(1, workspaceID).bind(2, nameKey(name));
+    if (!s->step()) return std::nullopt;
+    return read(*s);
 }
 
 }  // namespace mirel::server::Records

@@ -133,12 +133,13 @@ Storage::Storage(std::filesystem::path folder)
 }
 
 std::int64_t Storage::currentSequence(Connection& connection) {
-    return std::stoll(connection.text("SELECT value FROM meta WHERE key = 'seq';").value_or("0"));
+    return connection.integer("SELECT CAST(value AS INTEGER) FROM meta WHERE key = 'seq';").value_or(0);
 }
 
 std::int64_t Storage::nextSequence(Connection& connection) {
-    connection.run("UPDATE meta SET value = CAST(value AS INTEGER) + 1 WHERE key = 'seq';");
-    return currentSequence(connection);
+    return connection
+        .integer("UPDATE meta SET value = CAST(value AS INTEGER) + 1 WHERE key = 'seq' RETURNING CAST(value AS INTEGER);")
+        .value();
 }
 
 }  // namespace mirel::server
