@@ -40,12 +40,14 @@ std::int64_t save(Connection& db, const StoredRecord& record) {
     SqlArg name = record.kind == "groups" && record.row.value("name", Json()).is_string()
                       ? SqlArg(nameKey(record.row["name"].get<std::string>()))
                       : SqlArg(nullptr);
-    db.run("INSERT INTO records (kind, id, workspace_id, capture_id, version, seq, row, stamps, deleted, name_key) "
-           "VALUES (?,?,?,?,?,?,?,?,?,?) ON CONFLICT(kind, id) DO UPDATE SET version = excluded.version, "
-           "seq = excluded.seq, row = excluded.row, stamps = excluded.stamps, deleted = excluded.deleted, "
-           "name_key = excluded.name_key;",
-           {record.kind, record.id, record.workspaceID, captureID, record.version, seq, writeJSON(record.row),
-            writeJSON(record.stamps), static_cast<std::int64_t>(record.deleted), name});
+    const Json group = record.kind == "captures" ? record.row.value("group_id", Json()) : Json();
+    db.run("INSERT INTO records (kind, id, workspace_id, capture_id, group_id, version, seq, row, stamps, deleted, "
+           "name_key) VALUES (?,?,?,?,?,?,?,?,?,?,?) ON CONFLICT(kind, id) DO UPDATE SET group_id = excluded.group_id, "
+           "version = excluded.version, seq = excluded.seq, row = excluded.row, stamps = excluded.stamps, "
+           "deleted = excluded.deleted, name_key = excluded.name_key;",
+           {record.kind, record.id, record.workspaceID, captureID,
+            group.is_string() ? SqlArg(group.get<std::string>()) : SqlArg(nullptr), record.version, seq,
+            writeJSON(record.row), writeJSON(record.stamps), static_cast<std::int64_t>(record.deleted), name});
     return seq;
 }
 

@@ -13,7 +13,7 @@ namespace mirel::server {
 
 namespace {
 
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
 // One generic table holds the records of every kind: the server needs the same
 // bookkeeping for each (version, change sequence, field stamps, access by
@@ -70,6 +70,7 @@ CREATE TABLE IF NOT EXISTS records (
     id TEXT NOT NULL,
     workspace_id TEXT NOT NULL,
     capture_id TEXT,
+    group_id TEXT,
     version INTEGER NOT NULL,
     seq INTEGER NOT NULL,
     row TEXT NOT NULL,
@@ -126,6 +127,11 @@ Storage::Storage(std::filesystem::path folder)
     auto version = connection->integer("PRAGMA user_version;").value_or(0);
     if (version > kSchemaVersion) {
         throw StorageError("the data folder was written by a newer mirel-server (schema " + std::to_string(version) + ")");
+    }
+    if (version == 1) {
+        // Version 2 keeps a capture's group beside its row, for the feed.
+        connection->execute("ALTER TABLE records ADD COLUMN group_id TEXT;"
+                            "UPDATE records SET group_id = json_extract(row, '$.group_id') WHERE kind = 'captures';");
     }
     connection->execute(kSchema);
     connection->execute("PRAGMA user_version = " + std::to_string(kSchemaVersion) + ";");

@@ -6,6 +6,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <set>
 #include <thread>
 
 namespace mirel::test {
@@ -94,23 +95,30 @@ protected:
     std::string ann, bob;
 };
 
-TEST_F(FeedAndEventsTest, ChangesComeInPagesOf500WithMoreUntilTheLast) {
+TEST_F(FeedAndEventsTest, ChangesComeInPagesOf500EachApplicableOnItsOwn) {
     const std::string ws = server.workspaceID(ann, "acme");
     sync(ann, 0, newCaptures(ws, 0, 400));
     sync(ann, 0, newCaptures(ws, 400, 200));  // 600 captures and their 600 history lines
+    // An edit moves c0 behind everything, but its first history line stays in front.
+    sync(ann, 0, Json::array({{{"table", "captures"}, {"id", "c0"}, {"base_version", 1}, {"patch", {{"note", "edited"}}}}}));
 
-    std::size_t seen = 0;
+    std::set<std::string> captures;
     std::vector<std::size_t> pages;
     std::int64_t cursor = 0;
     for (bool more = true; more;) {
         const Json page = sync(ann, cursor);
         pages.push_back(page["changes"].size());
-        seen += page["changes"].size();
+        for (const auto& change : page["changes"]) {
+            if (change["table"] == "captures") captures.insert(change["row"]["id"].get<std::string>());
+        }
+        for (const auto& change : page["changes"]) {
+            if (change["table"] == "activity") EXPECT_TRUE(captures.count(change["row"]["capture_id"])) << change;
+        }
         more = page["more"];
         cursor = page["cursor"];
         ASSERT_LT(pages.size(), 5u);
     }
-    EXPECT_EQ(pages, (std::vector<std::size_t>{500, 500, 200}));
+    EXPECT_EQ(pages, (std::vector<std::size_t>{501, 500, 200})) << "c0 rides along with the first page, and comes again";
     EXPECT_EQ(sync(ann, cursor)["changes"].size(), 0u) << "a plain pull at the end is empty";
 
     const Json tooMany = server.call("POST", "/v1/sync",
