@@ -66,7 +66,12 @@ std::optional<User> userByEmail(Connection& db, const std::string& email) {
 std::optional<User> checkPassword(Connection& db, const std::string& email, const std::string& password) {
     auto s = db.prepare("SELECT id, email, name, password_hash FROM users WHERE email = ?;");
     s.bind(1, email);
-    if (!s.step()) return std::nullopt;
+    if (!s.step()) {
+        // As slow as a wrong password, so that the page doesn't tell which e-mails have accounts.
+        static const std::string decoy = hashPassword("no account has this password");
+        verifyPassword(password, decoy);
+        return std::nullopt;
+    }
     if (!verifyPassword(password, s.text(3))) return std::nullopt;
     return readUser(s);
 }

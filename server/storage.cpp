@@ -1,6 +1,9 @@
 #include "server/storage.h"
 
 #include "server/crypto.h"
+#include "server/unique_fd.h"
+
+#include "core/platform/file_descriptor.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -107,10 +110,11 @@ std::string readOrMakeKey(const std::filesystem::path& path) {
     std::string key = randomBytes(32);
     std::filesystem::path temporary = path;
     temporary += ".tmp";
-    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) throw std::filesystem::filesystem_error("can't write", temporary, std::error_code(errno, std::generic_category()));
-    bool ok = ::write(fd, key.data(), key.size()) == static_cast<ssize_t>(key.size()) && ::fsync(fd) == 0;
-    ::close(fd);
+    bool ok = false;
+    {
+        UniqueFD fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        ok = fd.valid() && writeAll(fd.get(), key) && ::fsync(fd.get()) == 0;
+    }
     if (!ok) throw std::filesystem::filesystem_error("can't write", temporary, std::error_code(errno, std::generic_category()));
     std::filesystem::rename(temporary, path);
     return key;
