@@ -1,6 +1,6 @@
 // The change feed in pages, the live event stream, and a clean stop with
 // streams open.
-#include "tests/support/server_process.h"
+#include "tests/server/two_teams.h"
 
 #include <gtest/gtest.h>
 
@@ -61,25 +61,8 @@ private:
     bool endedCleanly_ = false;
 };
 
-class FeedAndEventsTest : public ::testing::Test {
+class FeedAndEventsTest : public TwoTeamsTest {
 protected:
-    void SetUp() override {
-        server.addUser("ann@example.com", "Ann");
-        server.addUser("bob@example.com", "Bob");
-        server.addWorkspace("acme", "Acme", {"ann@example.com"});
-        server.addWorkspace("bobs", "Bob's", {"bob@example.com"});
-        ann = server.signIn("ann@example.com");
-        bob = server.signIn("bob@example.com");
-    }
-
-    Json sync(const std::string& token, std::int64_t cursor, const Json& changes = Json::array()) {
-        return server
-            .call("POST", "/v1/sync",
-                  Json{{"device_id", "desktop"}, {"cursor", cursor}, {"changes", changes}, {"full_groups", Json::array()}},
-                  token)
-            .body;
-    }
-
     static Json newCaptures(const std::string& ws, int from, int count) {
         Json changes = Json::array();
         for (int i = from; i < from + count; ++i) {
@@ -90,39 +73,37 @@ protected:
         }
         return changes;
     }
-
-    ServerProcess server;
-    std::string ann, bob;
 };
 
 TEST_F(FeedAndEventsTest, ChangesComeInPagesOf500EachApplicableOnItsOwn) {
-    const std::string ws = server.workspaceID(ann, "acme");
-    sync(ann, 0, newCaptures(ws, 0, 400));
-    sync(ann, 0, newCaptures(ws, 400, 200));  // 600 captures and their 600 history lines
+    server.sync(ann, 0, newCaptures(acme, 0, 400));
+    server.sync(ann, 0, newCaptures(acme, 400, 200));  // 600 captures and their 600 history lines
     // An edit moves c0 behind everything, but its first history line stays in front.
-    sync(ann, 0, Json::array({{{"table", "captures"}, {"id", "c0"}, {"base_version", 1}, {"patch", {{"note", "edited"}}}}}));
+    server.sync(ann, 0, Json::array({{{"table", "captures"}, {"id", "c0"}, {"base_version", 1}, {"patch", {{"note", "edited"}}}}}));
 
     std::set<std::string> captures;
     std::vector<std::size_t> pages;
     std::int64_t cursor = 0;
     for (bool more = true; more;) {
-        const Json page = sync(ann, cursor);
+        const Json page = server.sync(ann, cursor);
         pages.push_back(page["changes"].size());
         for (const auto& change : page["changes"]) {
             if (change["table"] == "captures") captures.insert(change["row"]["id"].get<std::string>());
         }
         for (const auto& change : page["changes"]) {
-            if (change["table"] == "activity") EXPECT_TRUE(captures.count(change["row"]["capture_id"])) << change;
+            if (change["table"] == "activity") {
+                EXPECT_TRUE(captures.count(change["row"]["capture_id"])) << change;
+            }
         }
         more = page["more"];
         cursor = page["cursor"];
         ASSERT_LT(pages.size(), 5u);
     }
     EXPECT_EQ(pages, (std::vector<std::size_t>{501, 500, 200})) << "c0 rides along with the first page, and comes again";
-    EXPECT_EQ(sync(ann, cursor)["changes"].size(), 0u) << "a plain pull at the end is empty";
+    EXPECT_EQ(server.sync(ann, cursor)["changes"].size(), 0u) << "a plain pull at the end is empty";
 
     const Json tooMany = server.call("POST", "/v1/sync",
-                                     Json{{"device_id", "desktop"}, {"cursor", 0}, {"changes", newCaptures(ws, 0, 501)}},
+                                     Json{{"device_id", "desktop"}, {"cursor", 0}, {"changes", newCaptures(acme, 0, 501)}},
                                      ann).body;
     EXPECT_EQ(tooMany["error"]["code"], "invalid_request");
 }
@@ -133,8 +114,8 @@ TEST_F(FeedAndEventsTest, StreamsHearTheirOwnWorkspacesAndCloseCleanlyWhenTheSer
     ASSERT_TRUE(annStream.waitFor(": connected"));
     ASSERT_TRUE(bobStream.waitFor(": connected"));
 
-    sync(ann, 0, newCaptures(server.workspaceID(ann, "acme"), 0, 1));
-    sync(bob, 0, newCaptures(server.workspaceID(bob, "bobs"), 100, 1));
+    server.sync(ann, 0, newCaptures(acme, 0, 1));
+    server.sync(bob, 0, newCaptures(server.workspaceID(bob, "bobs"), 100, 1));
     EXPECT_TRUE(annStream.waitFor("event: change\ndata: {\"cursor\":1,\"id\":\"c0\",\"table\":\"captures\""));
     ASSERT_TRUE(bobStream.waitFor("\"id\":\"c100\""));
     EXPECT_EQ(bobStream.text().find("\"c0\""), std::string::npos) << "Bob heard of Ann's workspace";

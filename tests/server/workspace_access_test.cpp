@@ -1,6 +1,6 @@
 // Two users in different workspaces see and reach only their own, and a
 // device learns when the user gains or loses a workspace.
-#include "tests/support/server_process.h"
+#include "tests/server/two_teams.h"
 
 #include "core/sync/content_hash.h"
 
@@ -9,26 +9,8 @@
 namespace mirel::test {
 namespace {
 
-class WorkspaceAccessTest : public ::testing::Test {
+class WorkspaceAccessTest : public TwoTeamsTest {
 protected:
-    void SetUp() override {
-        server.addUser("ann@example.com", "Ann");
-        server.addUser("bob@example.com", "Bob");
-        server.addWorkspace("acme", "Acme", {"ann@example.com"});
-        server.addWorkspace("bobs", "Bob's", {"bob@example.com"});
-        ann = server.signIn("ann@example.com");
-        bob = server.signIn("bob@example.com");
-        acme = server.workspaceID(ann, "acme");
-    }
-
-    Json sync(const std::string& token, std::int64_t cursor, Json changes = Json::array()) {
-        return server
-            .call("POST", "/v1/sync",
-                  Json{{"device_id", "laptop"}, {"cursor", cursor}, {"changes", std::move(changes)}, {"full_groups", Json::array()}},
-                  token)
-            .body;
-    }
-
     static std::vector<std::string> ids(const Json& reply, const char* table) {
         std::vector<std::string> found;
         for (const auto& change : reply["changes"]) {
@@ -36,24 +18,21 @@ protected:
         }
         return found;
     }
-
-    ServerProcess server;
-    std::string ann, bob, acme;
 };
 
 TEST_F(WorkspaceAccessTest, AUserReachesOnlyTheirOwnWorkspaces) {
-    const Json pushed = sync(ann, 0, Json::array({{{"table", "captures"}, {"id", "c1"}, {"base_version", 0},
+    const Json pushed = server.sync(ann, 0, Json::array({{{"table", "captures"}, {"id", "c1"}, {"base_version", 0},
                                                    {"patch", {{"workspace_id", acme}, {"note", "Ann's"}}}}}));
     ASSERT_EQ(pushed["results"][0]["status"], "applied");
 
-    const Json bobsView = sync(bob, 0);
+    const Json bobsView = server.sync(bob, 0);
     EXPECT_TRUE(ids(bobsView, "captures").empty());
     EXPECT_EQ(bobsView["people"].size(), 1u) << "only the people Bob shares a workspace with";
     const std::string sha = ContentHash::sha256(std::string_view("x"));
     EXPECT_EQ(server.call("POST", "/v1/uploads", Json{{"workspace_id", acme}, {"sha256", sha}, {"bytes", 1}}, bob).status, 404);
     EXPECT_EQ(server.call("GET", "/v1/blobs/" + acme + "/" + sha, std::nullopt, bob).status, 404);
     EXPECT_EQ(server.call("GET", "/v1/events?workspace=" + acme, std::nullopt, bob).status, 404);
-    const Json edit = sync(bob, 0, Json::array({{{"table", "captures"}, {"id", "c1"}, {"base_version", 1},
+    const Json edit = server.sync(bob, 0, Json::array({{{"table", "captures"}, {"id", "c1"}, {"base_version", 1},
                                                  {"patch", {{"note", "Bob's now"}}}}}));
     EXPECT_EQ(edit["results"][0]["status"], "rejected");
     EXPECT_EQ(edit["results"][0]["retry"], false);
@@ -62,22 +41,22 @@ TEST_F(WorkspaceAccessTest, AUserReachesOnlyTheirOwnWorkspaces) {
 }
 
 TEST_F(WorkspaceAccessTest, JoiningAskForAFreshStartAndLeavingDropsTheWorkspace) {
-    sync(ann, 0, Json::array({{{"table", "captures"}, {"id", "c1"}, {"base_version", 0},
+    server.sync(ann, 0, Json::array({{{"table", "captures"}, {"id", "c1"}, {"base_version", 0},
                                {"patch", {{"workspace_id", acme}, {"note", "older than Bob's cursor"}}}}}));
-    const std::int64_t cursor = sync(bob, 0)["cursor"];
+    const std::int64_t cursor = server.sync(bob, 0)["cursor"];
     ASSERT_EQ(server.admin({"workspace", "add-member", "acme", "bob@example.com"}).status, 0);
 
     const Json resync{{{"id", "workspace:" + acme}}};
-    EXPECT_EQ(sync(bob, cursor)["resync_groups"], resync);
-    EXPECT_EQ(sync(bob, cursor)["resync_groups"], resync) << "asked again until the device starts over";
-    const Json fresh = sync(bob, 0);
+    EXPECT_EQ(server.sync(bob, cursor)["resync_groups"], resync);
+    EXPECT_EQ(server.sync(bob, cursor)["resync_groups"], resync) << "asked again until the device starts over";
+    const Json fresh = server.sync(bob, 0);
     EXPECT_EQ(ids(fresh, "captures"), std::vector<std::string>{"c1"});
-    EXPECT_EQ(sync(bob, fresh["cursor"])["resync_groups"], Json::array());
+    EXPECT_EQ(server.sync(bob, fresh["cursor"])["resync_groups"], Json::array());
 
     ASSERT_EQ(server.admin({"workspace", "remove-member", "acme", "bob@example.com"}).status, 0);
-    const Json after = sync(bob, fresh["cursor"]);
+    const Json after = server.sync(bob, fresh["cursor"]);
     EXPECT_EQ(after["dropped_workspaces"], Json::array({acme}));
-    EXPECT_EQ(sync(bob, after["cursor"])["dropped_workspaces"], Json::array());
+    EXPECT_EQ(server.sync(bob, after["cursor"])["dropped_workspaces"], Json::array());
 
     // The daily check drops what Bob may no longer hold, and names what Ann lacks.
     const Json check = server.call("POST", "/v1/sync/reconcile", Json{{"capture_ids", {"c1", "never-seen"}}}, bob).body;

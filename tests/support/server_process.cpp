@@ -181,6 +181,14 @@ std::string ServerProcess::signIn(const std::string& email) const {
     return token.body.value("access_token", "");
 }
 
+Json ServerProcess::sync(const std::string& token, std::int64_t cursor, const Json& changes,
+                         const std::string& deviceID) const {
+    return call("POST", "/v1/sync",
+                Json{{"device_id", deviceID}, {"cursor", cursor}, {"changes", changes}, {"full_groups", Json::array()}},
+                token)
+        .body;
+}
+
 ServerProcess::Reply ServerProcess::call(const std::string& method, const std::string& path,
                                          const std::optional<Json>& body, const std::string& token) const {
     httplib::Client client("127.0.0.1", port_);

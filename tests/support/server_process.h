@@ -59,6 +59,10 @@ public:
     Reply call(const std::string& method, const std::string& path, const std::optional<Json>& body = std::nullopt,
                const std::string& token = "") const;
 
+    // A /v1/sync exchange of one device; the reply's body.
+    Json sync(const std::string& token, std::int64_t cursor, const Json& changes = Json::array(),
+              const std::string& deviceID = "laptop") const;
+
     // SIGTERM, then the exit status (128 + signal if it had to be killed).
     int stop();
 
