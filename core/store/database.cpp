@@ -25,9 +25,7 @@ Database::Database(const std::filesystem::path& path) {
                                    SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                                    nullptr);
     std::unique_ptr<sqlite3, Closer> opened(raw);
-    if (rc != SQLITE_OK || !raw) {
-        throw DatabaseError::openFailed(raw ? sqlite3_errmsg(raw) : "unknown error");
-    }
+    if (rc != SQLITE_OK || !raw) throw sqliteError(raw, rc, DatabaseError::Case::openFailed, "");
     handle_ = std::move(opened);
     executeRaw("PRAGMA journal_mode = WAL;");
     executeRaw("PRAGMA foreign_keys = ON;");
@@ -35,33 +33,33 @@ Database::Database(const std::filesystem::path& path) {
     executeRaw("PRAGMA synchronous = NORMAL;");
 }
 
-std::string Database::lastMessage() const {
-    return handle_ ? sqlite3_errmsg(handle_.get()) : "no database handle";
-}
-
 Database::Statement Database::prepare(const std::string& sql, const std::vector<SQLValue>& values) {
-    if (!handle_) throw DatabaseError::prepareFailed("no database handle", sql);
+    using Stage = DatabaseError::Case;
+    if (!handle_) throw sqliteError(nullptr, SQLITE_MISUSE, Stage::prepareFailed, sql);
     sqlite3_stmt* raw = nullptr;
     const int rc = sqlite3_prepare_v2(handle_.get(), sql.c_str(), -1, &raw, nullptr);
     Statement statement{std::unique_ptr<sqlite3_stmt, Statement::Finalizer>(raw)};
-    if (rc != SQLITE_OK) throw DatabaseError::prepareFailed(lastMessage(), sql);
+    if (rc != SQLITE_OK) throw sqliteError(handle_.get(), rc, Stage::prepareFailed, sql);
     if (!raw) return statement;  // empty text or only a comment: nothing to run
-    int index = 1;
-    for (const SQLValue& value : values) {
+    // Values beyond the statement's parameters are not bound; missing ones stay NULL.
+    const int parameters = sqlite3_bind_parameter_count(raw);
+    for (int index = 1; index <= parameters && index <= static_cast<int>(values.size()); ++index) {
+        const SQLValue& value = values[index - 1];
+        int bound = SQLITE_OK;
         if (value.isInt()) {
-            sqlite3_bind_int64(raw, index, value.asInt());
+            bound = sqlite3_bind_int64(raw, index, value.asInt());
         } else if (value.isDouble()) {
-            sqlite3_bind_double(raw, index, value.asDouble());
+            bound = sqlite3_bind_double(raw, index, value.asDouble());
         } else if (value.isText()) {
-            sqlite3_bind_text(raw, index, value.asText().c_str(), -1, SQLITE_TRANSIENT);
+            bound = sqlite3_bind_text(raw, index, value.asText().c_str(), -1, SQLITE_TRANSIENT);
         } else if (value.isBlob()) {
             const Blob& bytes = value.asBlob();
-            if (bytes.empty()) sqlite3_bind_zeroblob(raw, index, 0);
-            else sqlite3_bind_blob64(raw, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT);
+            bound = bytes.empty() ? sqlite3_bind_zeroblob(raw, index, 0)
+                                  : sqlite3_bind_blob64(raw, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT);
         } else {
-            sqlite3_bind_null(raw, index);
+            bound = sqlite3_bind_null(raw, index);
         }
-        ++index;
+        if (bound != SQLITE_OK) throw sqliteError(handle_.get(), bound, Stage::prepareFailed, sql);
     }
     return statement;
 }
@@ -71,20 +69,19 @@ std::int64_t Database::execute(const std::string& sql, const std::vector<SQLValu
     Statement statement = prepare(sql, values);
     if (!statement.get()) return 0;
     const int rc = sqlite3_step(statement.get());
-    if (rc != SQLITE_ROW && rc != SQLITE_DONE) throw DatabaseError::stepFailed(lastMessage(), sql);
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+        throw sqliteError(handle_.get(), rc, DatabaseError::Case::stepFailed, sql);
+    }
     return sqlite3_changes(handle_.get());
 }
 
 void Database::executeRaw(const std::string& sql) {
     std::lock_guard<std::recursive_mutex> guard(lock_);
-    if (!handle_) throw DatabaseError::stepFailed("no database handle", sql);
-    char* error = nullptr;
-    const int rc = sqlite3_exec(handle_.get(), sql.c_str(), nullptr, nullptr, &error);
-    if (rc != SQLITE_OK) {
-        std::string message = error ? std::string(error) : lastMessage();
-        sqlite3_free(error);
-        throw DatabaseError::stepFailed(std::move(message), sql);
-    }
+    if (!handle_) throw sqliteError(nullptr, SQLITE_MISUSE, DatabaseError::Case::stepFailed, sql);
+    char* raw = nullptr;
+    const int rc = sqlite3_exec(handle_.get(), sql.c_str(), nullptr, nullptr, &raw);
+    const std::unique_ptr<char, decltype(&sqlite3_free)> reported(raw, &sqlite3_free);
+    if (rc != SQLITE_OK) throw sqliteError(handle_.get(), rc, DatabaseError::Case::stepFailed, sql, reported.get());
 }
 
 std::vector<Row> Database::query(const std::string& sql, const std::vector<SQLValue>& values) {

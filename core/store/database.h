@@ -58,7 +58,6 @@ private:
     struct Statement;
 
     Statement prepare(const std::string& sql, const std::vector<SQLValue>& values);
-    std::string lastMessage() const;
     void rollbackQuietly();
 
     // Constant after construction.
