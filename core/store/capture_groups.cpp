@@ -1,14 +1,17 @@
 // Groups: the topics captures are filed under, local or of a workspace.
 #include "core/store/capture_store.h"
+#include "core/store/row_decoding.h"
 
 namespace mirel {
+
+using namespace RowDecoding;
 
 namespace {
 
 std::vector<CaptureGroup> decodeGroups(const std::vector<Row>& rows) {
     std::vector<CaptureGroup> result;
     result.reserve(rows.size());
-    for (const Row& row : rows) result.push_back(CaptureStore::decodeGroup(row));
+    for (const Row& row : rows) result.push_back(decodeGroup(row));
     return result;
 }
 
@@ -49,6 +52,8 @@ std::optional<CaptureGroup> CaptureStore::groupMatchingPath(const std::string& p
 }
 
 CaptureGroup CaptureStore::upsertGroup(const CaptureGroup& group) {
+    // The checks for the id and the name hold until the write: one lock.
+    return db_->transaction([&] {
     CaptureGroup copy = group;
     const bool exists = !db_->query("SELECT 1 AS one FROM groups WHERE id = ?;", {SQLValue(copy.id)}).empty();
     if (!exists) {
@@ -78,9 +83,26 @@ CaptureGroup CaptureStore::upsertGroup(const CaptureGroup& group) {
     else markPending("groups", copy.id, {"*"});
     postDidChange();
     return copy;
+    });
+}
+
+CaptureGroup CaptureStore::findOrCreateGroup(const std::string& name, const std::optional<std::string>& scope,
+                                             bool* created) {
+    if (created) *created = false;
+    return db_->transaction([&] {
+        if (auto existing = groupNamed(name, scope)) return *existing;
+        CaptureGroup fresh;
+        fresh.id = newID();
+        fresh.name = name;
+        fresh.createdAt = fresh.updatedAt = Clock::now();
+        CaptureGroup stored = upsertGroup(fresh);
+        if (created) *created = stored.id == fresh.id;
+        return stored;
+    });
 }
 
 void CaptureStore::deleteGroup(const std::string& id) {
+    db_->transaction([&] {
     const std::optional<CaptureGroup> g = group(id);
     const Date now = Clock::now();
     if (g && g->workspaceID) {
@@ -93,6 +115,7 @@ void CaptureStore::deleteGroup(const std::string& id) {
                      {SQLValue(now), SQLValue(now), SQLValue(id)});
     }
     postDidChange();
+    });
 }
 
 }  // namespace mirel

@@ -1,6 +1,8 @@
 // Creating captures, writing them back, and moving them through their
 // lifecycle. Each change is entered in the ledger; lifecycle steps leave a
-// line in the capture's history.
+// line in the capture's history. Every operation reads, changes and writes
+// back inside one transaction: the write lock is held from the read on, so no
+// other process writes in between and none of its changes is overwritten.
 #include "core/store/capture_store.h"
 #include "core/store/mirel_paths.h"
 
@@ -42,7 +44,7 @@ void CaptureStore::insert(const Capture& capture) {
              SQLValue::boolean(c.dirty), SQLValue::date(c.deletedAt), SQLValue::string(c.workspaceID),
              SQLValue::string(c.authorID), SQLValue::string(c.assigneeID), SQLValue::string(c.claimedByID),
              SQLValue(c.version), SQLValue::string(pendingMark), SQLValue::boolean(c.localOnly)});
-        recordActivity(c.id, "created", detail, "you", newID(), Clock::now(), std::nullopt, false);
+        recordActivity({.captureID = c.id, .kind = ActivityKind::created, .detail = detail});
     });
     postDidChange();
 }
@@ -51,6 +53,9 @@ void CaptureStore::update(const Capture& capture) {
     Capture c = capture;
     c.updatedAt = Clock::now();
     c.dirty = true;
+    // The old row is read under the write lock, so the ledger names exactly
+    // the fields this write changes.
+    db_->transaction([&] {
     const std::optional<Capture> old = rawCapture(c.id);
 
     db_->execute(
@@ -90,10 +95,12 @@ void CaptureStore::update(const Capture& capture) {
         if (!changed.empty()) markPending("captures", c.id, changed);
     }
     postDidChange();
+    });
 }
 
 std::optional<Capture> CaptureStore::setStatus(const std::string& id, CaptureStatus status,
                                                const std::string& actor) {
+    return db_->transaction([&]() -> std::optional<Capture> {
     std::optional<Capture> c = capture(id);
     if (!c) return std::nullopt;
     const CaptureStatus old = c->status;
@@ -115,12 +122,14 @@ std::optional<Capture> CaptureStore::setStatus(const std::string& id, CaptureSta
     }
     update(*c);
     const std::string detail = std::string(displayName(old)) + " \u2192 " + std::string(displayName(status));
-    recordActivity(id, "status_changed", detail, actor, newID(), Clock::now(), std::nullopt, false);
+    recordActivity({.captureID = id, .kind = ActivityKind::statusChanged, .detail = detail, .actor = actor});
     postDidChange();
     return capture(id);
+    });
 }
 
 std::optional<Capture> CaptureStore::claim(const std::string& id, const std::string& by) {
+    return db_->transaction([&]() -> std::optional<Capture> {
     std::optional<Capture> c = capture(id);
     if (!c) return std::nullopt;
     const std::optional<std::string> userID = syncMetaOrAbsent("user_id");
@@ -130,53 +139,66 @@ std::optional<Capture> CaptureStore::claim(const std::string& id, const std::str
     if (c->status == CaptureStatus::open) c->status = CaptureStatus::inProgress;
     if (!c->assigneeID) c->assigneeID = userID;
     update(*c);
-    recordActivity(id, "claimed", "", by, newID(), Clock::now(), std::nullopt, false);
+    recordActivity({.captureID = id, .kind = ActivityKind::claimed, .actor = by});
     postDidChange();
     return capture(id);
+    });
 }
 
 std::optional<Capture> CaptureStore::assign(const std::string& id, const std::optional<std::string>& to,
                                             const std::string& actor) {
+    return db_->transaction([&]() -> std::optional<Capture> {
     std::optional<Capture> c = capture(id);
     if (!c) return std::nullopt;
     c->assigneeID = to;
     update(*c);
     // The only post is update's; the history line follows it.
-    recordActivity(id, "assigned", to.value_or(""), actor, newID(), Clock::now(), std::nullopt, false);
+    recordActivity({.captureID = id, .kind = ActivityKind::assigned, .detail = to.value_or(""), .actor = actor});
     return capture(id);
+    });
 }
 
 std::optional<Capture> CaptureStore::resolve(const std::string& id, const std::optional<std::string>& reference,
                                              const std::string& actor) {
+    return db_->transaction([&]() -> std::optional<Capture> {
     std::optional<Capture> c = capture(id);
     if (!c) return std::nullopt;
     c->status = CaptureStatus::resolved;
     c->resolvedAt = Clock::now();
     c->resolutionRef = reference;
     update(*c);
-    recordActivity(id, "resolved", reference.value_or(""), actor, newID(), Clock::now(), std::nullopt, false);
+    recordActivity(
+        {.captureID = id, .kind = ActivityKind::resolved, .detail = reference.value_or(""), .actor = actor});
     postDidChange();
     return capture(id);
+    });
 }
 
 void CaptureStore::softDelete(const std::string& id) {
-    std::vector<CaptureImage> live;
-    try {
-        live = images(id);
-    } catch (const DatabaseError&) {
-        // No list of images: the row is still marked, the files stay.
-    }
-    for (const CaptureImage& image : live) removeImageFiles(image);
-    if (const std::optional<Capture> c = capture(id)) {
-        // The cover's own copies, normally already gone with the images.
-        if (!c->imagePath.empty()) removeFileQuietly(MirelPaths::capturesRoot() / c->imagePath);
-        if (c->thumbPath) removeFileQuietly(MirelPaths::thumbsRoot() / *c->thumbPath);
-    }
-    const Date now = Clock::now();
-    db_->execute("UPDATE captures SET deleted_at = ?, updated_at = ?, dirty = 1 WHERE id = ?;",
-                 {SQLValue(now), SQLValue(now), SQLValue(id)});
-    markPending("captures", id, {"delete"});
-    postDidChange();
+    db_->transaction([&] {
+        std::vector<CaptureImage> live;
+        try {
+            live = images(id);
+        } catch (const DatabaseError&) {
+            // No list of images: the row is still marked, the files stay.
+        }
+        std::vector<std::filesystem::path> files;
+        for (const CaptureImage& image : live) {
+            for (auto& file : imageFiles(image)) files.push_back(std::move(file));
+        }
+        if (const std::optional<Capture> c = capture(id)) {
+            // The cover's own copies, normally already gone with the images.
+            if (!c->imagePath.empty()) files.push_back(c->imageURL());
+            if (auto thumb = c->thumbURL()) files.push_back(*thumb);
+        }
+        const Date now = Clock::now();
+        db_->execute("UPDATE captures SET deleted_at = ?, updated_at = ?, dirty = 1 WHERE id = ?;",
+                     {SQLValue(now), SQLValue(now), SQLValue(id)});
+        markPending("captures", id, {"delete"});
+        // Only once no row can come back to need them.
+        removeFilesAfterCommit(std::move(files));
+        postDidChange();
+    });
 }
 
 }  // namespace mirel

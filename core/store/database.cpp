@@ -5,6 +5,8 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+
 namespace mirel {
 
 void Database::Closer::operator()(sqlite3* handle) const { sqlite3_close_v2(handle); }
@@ -27,9 +29,11 @@ Database::Database(const std::filesystem::path& path) {
     std::unique_ptr<sqlite3, Closer> opened(raw);
     if (rc != SQLITE_OK || !raw) throw sqliteError(raw, rc, DatabaseError::Case::openFailed, "");
     handle_ = std::move(opened);
+    // First: every later statement may wait for another process (switching
+    // a new file to WAL takes a lock), and must wait rather than fail.
+    executeRaw("PRAGMA busy_timeout = 5000;");
     executeRaw("PRAGMA journal_mode = WAL;");
     executeRaw("PRAGMA foreign_keys = ON;");
-    executeRaw("PRAGMA busy_timeout = 5000;");
     executeRaw("PRAGMA synchronous = NORMAL;");
 }
 
@@ -130,12 +134,68 @@ std::vector<Row> Database::query(const std::string& sql, const std::vector<SQLVa
     return rows;
 }
 
-void Database::rollbackQuietly() {
-    try {
-        executeRaw("ROLLBACK;");
-    } catch (const DatabaseError&) {
-        // The first error is the one the caller needs to see.
+namespace {
+
+std::string savepoint(int level) { return "nest_" + std::to_string(level); }
+
+}  // namespace
+
+int Database::begin() {
+    if (depth_ == 0) executeRaw("BEGIN IMMEDIATE TRANSACTION;");
+    else executeRaw("SAVEPOINT " + savepoint(depth_ + 1) + ";");
+    return ++depth_;
+}
+
+Database::AfterCommit Database::commit(int level) {
+    if (level > 1) {
+        executeRaw("RELEASE " + savepoint(level) + ";");
+        --depth_;
+        // Its actions now stand or fall with the enclosing level.
+        for (auto& entry : pending_) entry.first = std::min(entry.first, depth_);
+        return {};
     }
+    executeRaw("COMMIT;");
+    depth_ = 0;
+    AfterCommit due;
+    for (auto& [asker, action] : pending_) due.push_back(std::move(action));
+    pending_.clear();
+    return due;
+}
+
+void Database::rollback(int level) noexcept {
+    try {
+        if (level > 1) executeRaw("ROLLBACK TO " + savepoint(level) + "; RELEASE " + savepoint(level) + ";");
+        else executeRaw("ROLLBACK;");
+    } catch (...) {
+        // SQLite may have ended the transaction itself (a full disk, say);
+        // the first error is the one the caller needs to see.
+    }
+    depth_ = level - 1;
+    std::erase_if(pending_, [level](const auto& entry) { return entry.first >= level; });
+}
+
+void Database::runQuietly(const AfterCommit& actions) noexcept {
+    for (const auto& action : actions) {
+        try {
+            action();
+        } catch (...) {
+        }
+    }
+}
+
+void Database::afterCommit(std::function<void()> action) {
+    std::unique_lock<std::recursive_mutex> guard(lock_);
+    if (depth_ > 0) {
+        pending_.emplace_back(depth_, std::move(action));
+        return;
+    }
+    guard.unlock();
+    runQuietly({std::move(action)});
+}
+
+bool Database::inTransaction() {
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    return depth_ > 0;
 }
 
 }  // namespace mirel
