@@ -47,45 +47,45 @@ std::optional<CaptureImage> CaptureStore::image(const std::string& id) {
 CaptureImage CaptureStore::addImage(const CaptureImage& image) {
     // The next number is read and taken under one write lock.
     return db_->transaction([&] {
-    CaptureImage copy = image;
-    if (copy.position < 0) {
-        // Tombstones count too, so a deleted image's number is not reused.
-        const std::vector<Row> rows = db_->query(
-            "SELECT COALESCE(MAX(position), -1) + 1 AS n FROM capture_images WHERE capture_id = ?;",
-            {SQLValue(copy.captureID)});
-        copy.position = rows.empty() ? 0 : rows.front().intValue("n").value_or(0);
-    }
-    db_->execute(
-        "INSERT INTO capture_images (id, capture_id, position, image_path, annotated_path, thumb_path, width, "
-        "height, bytes, annotation_json, created_at, remote_id, sync_state, dirty, original_sha256, "
-        "marked_sha256, thumb_sha256, version, deleted_at) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?);",
-        {SQLValue(copy.id), SQLValue(copy.captureID), SQLValue(copy.position), SQLValue(copy.imagePath),
-         SQLValue::string(copy.annotatedPath), SQLValue::string(copy.thumbPath), SQLValue(copy.width),
-         SQLValue(copy.height), SQLValue(copy.bytes), SQLValue::string(copy.annotationJSON),
-         SQLValue(copy.createdAt), SQLValue::string(copy.remoteID), SQLValue(std::string(rawValue(copy.syncState))),
-         SQLValue::boolean(copy.dirty), SQLValue::string(copy.originalSHA256), SQLValue::string(copy.markedSHA256),
-         SQLValue::string(copy.thumbSHA256), SQLValue(copy.version), SQLValue::date(copy.deletedAt)});
-    markPending("capture_images", copy.id, {"*"});
-    refreshCover(copy.captureID);
-    touch(copy.captureID);
-    postDidChange();
-    return copy;
+        CaptureImage copy = image;
+        if (copy.position < 0) {
+            // Tombstones count too, so a deleted image's number is not reused.
+            const std::vector<Row> rows = db_->query(
+                "SELECT COALESCE(MAX(position), -1) + 1 AS n FROM capture_images WHERE capture_id = ?;",
+                {SQLValue(copy.captureID)});
+            copy.position = rows.empty() ? 0 : rows.front().intValue("n").value_or(0);
+        }
+        db_->execute(
+            "INSERT INTO capture_images (id, capture_id, position, image_path, annotated_path, thumb_path, width, "
+            "height, bytes, annotation_json, created_at, remote_id, sync_state, dirty, original_sha256, "
+            "marked_sha256, thumb_sha256, version, deleted_at) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?);",
+            {SQLValue(copy.id), SQLValue(copy.captureID), SQLValue(copy.position), SQLValue(copy.imagePath),
+             SQLValue::string(copy.annotatedPath), SQLValue::string(copy.thumbPath), SQLValue(copy.width),
+             SQLValue(copy.height), SQLValue(copy.bytes), SQLValue::string(copy.annotationJSON),
+             SQLValue(copy.createdAt), SQLValue::string(copy.remoteID), SQLValue(std::string(rawValue(copy.syncState))),
+             SQLValue::boolean(copy.dirty), SQLValue::string(copy.originalSHA256), SQLValue::string(copy.markedSHA256),
+             SQLValue::string(copy.thumbSHA256), SQLValue(copy.version), SQLValue::date(copy.deletedAt)});
+        markPending("capture_images", copy.id, {"*"});
+        refreshCover(copy.captureID);
+        touch(copy.captureID);
+        postDidChange();
+        return copy;
     });
 }
 
 void CaptureStore::updateImage(const CaptureImage& image) {
     db_->transaction([&] {
-    db_->execute(
-        "UPDATE capture_images SET position = ?, image_path = ?, annotated_path = ?, thumb_path = ?, width = ?, "
-        "height = ?, bytes = ?, annotation_json = ?, dirty = 1 WHERE id = ?;",
-        {SQLValue(image.position), SQLValue(image.imagePath), SQLValue::string(image.annotatedPath),
-         SQLValue::string(image.thumbPath), SQLValue(image.width), SQLValue(image.height), SQLValue(image.bytes),
-         SQLValue::string(image.annotationJSON), SQLValue(image.id)});
-    // An edit of the mark-up changes these three together, so all go.
-    markPending("capture_images", image.id, {"annotation_json", "marked_sha256", "thumb_sha256"});
-    refreshCover(image.captureID);
-    touch(image.captureID);
-    postDidChange();
+        db_->execute(
+            "UPDATE capture_images SET position = ?, image_path = ?, annotated_path = ?, thumb_path = ?, width = ?, "
+            "height = ?, bytes = ?, annotation_json = ?, dirty = 1 WHERE id = ?;",
+            {SQLValue(image.position), SQLValue(image.imagePath), SQLValue::string(image.annotatedPath),
+             SQLValue::string(image.thumbPath), SQLValue(image.width), SQLValue(image.height), SQLValue(image.bytes),
+             SQLValue::string(image.annotationJSON), SQLValue(image.id)});
+        // An edit of the mark-up changes these three together, so all go.
+        markPending("capture_images", image.id, {"annotation_json", "marked_sha256", "thumb_sha256"});
+        refreshCover(image.captureID);
+        touch(image.captureID);
+        postDidChange();
     });
 }
 
@@ -148,10 +148,10 @@ void CaptureStore::touch(const std::string& captureID) {
 
 void CaptureStore::setCaptureMode(CaptureMode mode, const std::string& captureID) {
     db_->transaction([&] {
-    db_->execute("UPDATE captures SET capture_mode = ?, updated_at = ?, dirty = 1 WHERE id = ?;",
-                 {SQLValue(std::string(rawValue(mode))), SQLValue(Clock::now()), SQLValue(captureID)});
-    markPending("captures", captureID, {"capture_mode"});
-    postDidChange();
+        db_->execute("UPDATE captures SET capture_mode = ?, updated_at = ?, dirty = 1 WHERE id = ?;",
+                     {SQLValue(std::string(rawValue(mode))), SQLValue(Clock::now()), SQLValue(captureID)});
+        markPending("captures", captureID, {"capture_mode"});
+        postDidChange();
     });
 }
 

@@ -98,20 +98,21 @@ void CaptureStore::addComment(const Comment& comment) {
         c.actorLabel = userName ? c.author + " \u00B7 " + *userName : c.author;
     }
     db_->transaction([&] {
-    if (c.syncState == SyncState::local) {
-        if (const std::optional<Capture> owner = rawCapture(c.captureID); owner && owner->isShared()) {
-            c.syncState = SyncState::pendingPush;
+        if (c.syncState == SyncState::local) {
+            if (const std::optional<Capture> owner = rawCapture(c.captureID); owner && owner->isShared()) {
+                c.syncState = SyncState::pendingPush;
+            }
         }
-    }
-    db_->execute(
-        "INSERT OR IGNORE INTO comments (id, capture_id, author, is_agent, body, created_at, author_id, "
-        "actor_label, kind, sync_state) VALUES (?,?,?,?,?,?,?,?,?,?);",
-        {SQLValue(c.id), SQLValue(c.captureID), SQLValue(c.author), SQLValue::boolean(c.isAgent), SQLValue(c.body),
-         SQLValue(c.createdAt), SQLValue::string(c.authorID), SQLValue::string(c.actorLabel), SQLValue(c.kind),
-         SQLValue(std::string(rawValue(c.syncState)))});
-    // A comment is news on the board, but no edit of the capture itself.
-    db_->execute("UPDATE captures SET updated_at = ? WHERE id = ?;", {SQLValue(Clock::now()), SQLValue(c.captureID)});
-    postDidChange();
+        db_->execute(
+            "INSERT OR IGNORE INTO comments (id, capture_id, author, is_agent, body, created_at, author_id, "
+            "actor_label, kind, sync_state) VALUES (?,?,?,?,?,?,?,?,?,?);",
+            {SQLValue(c.id), SQLValue(c.captureID), SQLValue(c.author), SQLValue::boolean(c.isAgent), SQLValue(c.body),
+             SQLValue(c.createdAt), SQLValue::string(c.authorID), SQLValue::string(c.actorLabel), SQLValue(c.kind),
+             SQLValue(std::string(rawValue(c.syncState)))});
+        // A comment is news on the board, but no edit of the capture itself.
+        db_->execute("UPDATE captures SET updated_at = ? WHERE id = ?;",
+                     {SQLValue(Clock::now()), SQLValue(c.captureID)});
+        postDidChange();
     });
 }
 

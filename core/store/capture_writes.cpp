@@ -56,121 +56,121 @@ void CaptureStore::update(const Capture& capture) {
     // The old row is read under the write lock, so the ledger names exactly
     // the fields this write changes.
     db_->transaction([&] {
-    const std::optional<Capture> old = rawCapture(c.id);
+        const std::optional<Capture> old = rawCapture(c.id);
 
-    db_->execute(
-        "UPDATE captures SET updated_at = ?, note = ?, status = ?, priority = ?, group_id = ?, thumb_path = ?, "
-        "app_name = ?, app_bundle_id = ?, window_title = ?, url = ?, claimed_by = ?, claimed_at = ?, "
-        "resolved_at = ?, resolution_ref = ?, dirty = 1, deleted_at = ?, assignee_id = ?, claimed_by_id = ?, "
-        "local_only = ? WHERE id = ?;",
-        {SQLValue(c.updatedAt), SQLValue(c.note), SQLValue(std::string(rawValue(c.status))),
-         SQLValue(std::string(rawValue(c.priority))), SQLValue::string(c.groupID), SQLValue::string(c.thumbPath),
-         SQLValue::string(c.appName), SQLValue::string(c.appBundleID), SQLValue::string(c.windowTitle),
-         SQLValue::string(c.url), SQLValue::string(c.claimedBy), SQLValue::date(c.claimedAt),
-         SQLValue::date(c.resolvedAt), SQLValue::string(c.resolutionRef), SQLValue::date(c.deletedAt),
-         SQLValue::string(c.assigneeID), SQLValue::string(c.claimedByID), SQLValue::boolean(c.localOnly),
-         SQLValue(c.id)});
+        db_->execute(
+            "UPDATE captures SET updated_at = ?, note = ?, status = ?, priority = ?, group_id = ?, thumb_path = ?, "
+            "app_name = ?, app_bundle_id = ?, window_title = ?, url = ?, claimed_by = ?, claimed_at = ?, "
+            "resolved_at = ?, resolution_ref = ?, dirty = 1, deleted_at = ?, assignee_id = ?, claimed_by_id = ?, "
+            "local_only = ? WHERE id = ?;",
+            {SQLValue(c.updatedAt), SQLValue(c.note), SQLValue(std::string(rawValue(c.status))),
+             SQLValue(std::string(rawValue(c.priority))), SQLValue::string(c.groupID), SQLValue::string(c.thumbPath),
+             SQLValue::string(c.appName), SQLValue::string(c.appBundleID), SQLValue::string(c.windowTitle),
+             SQLValue::string(c.url), SQLValue::string(c.claimedBy), SQLValue::date(c.claimedAt),
+             SQLValue::date(c.resolvedAt), SQLValue::string(c.resolutionRef), SQLValue::date(c.deletedAt),
+             SQLValue::string(c.assigneeID), SQLValue::string(c.claimedByID), SQLValue::boolean(c.localOnly),
+             SQLValue(c.id)});
 
-    if (old) {
-        // Ledger names are the wire's, in the order the push expects.
-        std::vector<std::string> changed;
-        auto note = [&](bool differs, const char* name) {
-            if (differs) changed.emplace_back(name);
-        };
-        note(old->note != c.note, "note");
-        note(old->status != c.status, "status");
-        note(old->priority != c.priority, "priority");
-        note(old->groupID != c.groupID, "group_id");
-        note(old->appName != c.appName, "app_name");
-        note(old->appBundleID != c.appBundleID, "app_bundle_id");
-        note(old->windowTitle != c.windowTitle, "window_title");
-        note(old->url != c.url, "url");
-        note(old->claimedBy != c.claimedBy, "claimed_label");
-        note(old->claimedByID != c.claimedByID, "claimed_by_id");
-        note(old->claimedAt != c.claimedAt, "claimed_at");
-        note(old->resolvedAt != c.resolvedAt, "resolved_at");
-        note(old->resolutionRef != c.resolutionRef, "resolution_ref");
-        note(old->assigneeID != c.assigneeID, "assignee_id");
-        note(!old->deletedAt && c.deletedAt, "delete");
-        if (!changed.empty()) markPending("captures", c.id, changed);
-    }
-    postDidChange();
+        if (old) {
+            // Ledger names are the wire's, in the order the push expects.
+            std::vector<std::string> changed;
+            auto note = [&](bool differs, const char* name) {
+                if (differs) changed.emplace_back(name);
+            };
+            note(old->note != c.note, "note");
+            note(old->status != c.status, "status");
+            note(old->priority != c.priority, "priority");
+            note(old->groupID != c.groupID, "group_id");
+            note(old->appName != c.appName, "app_name");
+            note(old->appBundleID != c.appBundleID, "app_bundle_id");
+            note(old->windowTitle != c.windowTitle, "window_title");
+            note(old->url != c.url, "url");
+            note(old->claimedBy != c.claimedBy, "claimed_label");
+            note(old->claimedByID != c.claimedByID, "claimed_by_id");
+            note(old->claimedAt != c.claimedAt, "claimed_at");
+            note(old->resolvedAt != c.resolvedAt, "resolved_at");
+            note(old->resolutionRef != c.resolutionRef, "resolution_ref");
+            note(old->assigneeID != c.assigneeID, "assignee_id");
+            note(!old->deletedAt && c.deletedAt, "delete");
+            if (!changed.empty()) markPending("captures", c.id, changed);
+        }
+        postDidChange();
     });
 }
 
 std::optional<Capture> CaptureStore::setStatus(const std::string& id, CaptureStatus status,
                                                const std::string& actor) {
     return db_->transaction([&]() -> std::optional<Capture> {
-    std::optional<Capture> c = capture(id);
-    if (!c) return std::nullopt;
-    const CaptureStatus old = c->status;
-    c->status = status;
-    switch (status) {
-        case CaptureStatus::open:
-            // Reopening forgets the label and time of the claim, not who it was.
-            c->resolvedAt.reset();
-            c->claimedBy.reset();
-            c->claimedAt.reset();
-            break;
-        case CaptureStatus::inProgress:
-        case CaptureStatus::archived:
-            c->resolvedAt.reset();
-            break;
-        case CaptureStatus::resolved:
-            c->resolvedAt = Clock::now();
-            break;
-    }
-    update(*c);
-    const std::string detail = std::string(displayName(old)) + " \u2192 " + std::string(displayName(status));
-    recordActivity({.captureID = id, .kind = ActivityKind::statusChanged, .detail = detail, .actor = actor});
-    postDidChange();
-    return capture(id);
+        std::optional<Capture> c = capture(id);
+        if (!c) return std::nullopt;
+        const CaptureStatus old = c->status;
+        c->status = status;
+        switch (status) {
+            case CaptureStatus::open:
+                // Reopening forgets the label and time of the claim, not who it was.
+                c->resolvedAt.reset();
+                c->claimedBy.reset();
+                c->claimedAt.reset();
+                break;
+            case CaptureStatus::inProgress:
+            case CaptureStatus::archived:
+                c->resolvedAt.reset();
+                break;
+            case CaptureStatus::resolved:
+                c->resolvedAt = Clock::now();
+                break;
+        }
+        update(*c);
+        const std::string detail = std::string(displayName(old)) + " \u2192 " + std::string(displayName(status));
+        recordActivity({.captureID = id, .kind = ActivityKind::statusChanged, .detail = detail, .actor = actor});
+        postDidChange();
+        return capture(id);
     });
 }
 
 std::optional<Capture> CaptureStore::claim(const std::string& id, const std::string& by) {
     return db_->transaction([&]() -> std::optional<Capture> {
-    std::optional<Capture> c = capture(id);
-    if (!c) return std::nullopt;
-    const std::optional<std::string> userID = syncMetaOrAbsent("user_id");
-    c->claimedBy = by;
-    c->claimedByID = userID;
-    c->claimedAt = Clock::now();
-    if (c->status == CaptureStatus::open) c->status = CaptureStatus::inProgress;
-    if (!c->assigneeID) c->assigneeID = userID;
-    update(*c);
-    recordActivity({.captureID = id, .kind = ActivityKind::claimed, .actor = by});
-    postDidChange();
-    return capture(id);
+        std::optional<Capture> c = capture(id);
+        if (!c) return std::nullopt;
+        const std::optional<std::string> userID = syncMetaOrAbsent("user_id");
+        c->claimedBy = by;
+        c->claimedByID = userID;
+        c->claimedAt = Clock::now();
+        if (c->status == CaptureStatus::open) c->status = CaptureStatus::inProgress;
+        if (!c->assigneeID) c->assigneeID = userID;
+        update(*c);
+        recordActivity({.captureID = id, .kind = ActivityKind::claimed, .actor = by});
+        postDidChange();
+        return capture(id);
     });
 }
 
 std::optional<Capture> CaptureStore::assign(const std::string& id, const std::optional<std::string>& to,
                                             const std::string& actor) {
     return db_->transaction([&]() -> std::optional<Capture> {
-    std::optional<Capture> c = capture(id);
-    if (!c) return std::nullopt;
-    c->assigneeID = to;
-    update(*c);
-    // The only post is update's; the history line follows it.
-    recordActivity({.captureID = id, .kind = ActivityKind::assigned, .detail = to.value_or(""), .actor = actor});
-    return capture(id);
+        std::optional<Capture> c = capture(id);
+        if (!c) return std::nullopt;
+        c->assigneeID = to;
+        update(*c);
+        // The only post is update's; the history line follows it.
+        recordActivity({.captureID = id, .kind = ActivityKind::assigned, .detail = to.value_or(""), .actor = actor});
+        return capture(id);
     });
 }
 
 std::optional<Capture> CaptureStore::resolve(const std::string& id, const std::optional<std::string>& reference,
                                              const std::string& actor) {
     return db_->transaction([&]() -> std::optional<Capture> {
-    std::optional<Capture> c = capture(id);
-    if (!c) return std::nullopt;
-    c->status = CaptureStatus::resolved;
-    c->resolvedAt = Clock::now();
-    c->resolutionRef = reference;
-    update(*c);
-    recordActivity(
-        {.captureID = id, .kind = ActivityKind::resolved, .detail = reference.value_or(""), .actor = actor});
-    postDidChange();
-    return capture(id);
+        std::optional<Capture> c = capture(id);
+        if (!c) return std::nullopt;
+        c->status = CaptureStatus::resolved;
+        c->resolvedAt = Clock::now();
+        c->resolutionRef = reference;
+        update(*c);
+        recordActivity(
+            {.captureID = id, .kind = ActivityKind::resolved, .detail = reference.value_or(""), .actor = actor});
+        postDidChange();
+        return capture(id);
     });
 }
 

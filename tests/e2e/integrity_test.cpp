@@ -187,7 +187,11 @@ TEST(Integrity, AddRefusesAnythingButARegularFileAtOnce) {
     const fs::path fifo = library.home() / "pipe.png";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const std::vector<std::vector<std::string>> cases = {
-        {"add", fifo.string()}, {"add", "/dev/zero"}, {"add", "--note-file", "/dev/zero"}, {"add", "--note-file", fifo.string()}};
+        {"add", fifo.string()},
+        {"add", "/dev/zero"},
+        {"add", "--note-file", "/dev/zero"},
+        {"add", "--note-file", fifo.string()},
+    };
     for (const auto& arguments : cases) {
         SCOPED_TRACE(arguments.back());
         const auto started = Clock::now();
