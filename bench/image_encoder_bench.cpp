@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "core/image/image.h"
+#include "core/platform/file_descriptor.h"
 #include "mcp/tools/image_encoder.h"
 
 namespace {
@@ -184,14 +185,14 @@ void BM_EncodeWhole(benchmark::State& state) {
     }
 }
 void BM_DecodeFile(benchmark::State& state) {
-    for (auto _ : state) benchmark::DoNotOptimize(ImageCodec::decodeFile(gScreenshots[0]));
+    for (auto _ : state) benchmark::DoNotOptimize(ImageCodec::decode(mirel::readRegularFile(gScreenshots[0], ImageCodec::maxFileBytes)));
 }
 void BM_Resample(benchmark::State& state) {
-    const Image image = *ImageCodec::decodeFile(gScreenshots[0]);
+    const Image image = *ImageCodec::decode(mirel::readRegularFile(gScreenshots[0], ImageCodec::maxFileBytes));
     for (auto _ : state) benchmark::DoNotOptimize(ImageCodec::resample(image, kEdge, 875));
 }
 void BM_EncodePNG(benchmark::State& state) {
-    const Image image = *ImageCodec::resample(*ImageCodec::decodeFile(gScreenshots[0]), kEdge, 875);
+    const Image image = *ImageCodec::resample(*ImageCodec::decode(mirel::readRegularFile(gScreenshots[0], ImageCodec::maxFileBytes)), kEdge, 875);
     const auto compression = static_cast<ImageCodec::PNGCompression>(state.range(0));
     std::size_t bytes = 0;
     for (auto _ : state) {
@@ -202,7 +203,7 @@ void BM_EncodePNG(benchmark::State& state) {
     state.counters["png_bytes"] = double(bytes);
 }
 void BM_Base64(benchmark::State& state) {
-    const auto png = *ImageCodec::encodePNG(*ImageCodec::resample(*ImageCodec::decodeFile(gScreenshots[0]), kEdge, 875));
+    const auto png = *ImageCodec::encodePNG(*ImageCodec::resample(*ImageCodec::decode(mirel::readRegularFile(gScreenshots[0], ImageCodec::maxFileBytes)), kEdge, 875));
     for (auto _ : state) benchmark::DoNotOptimize(ImageCodec::base64(png));
 }
 BENCHMARK(BM_EncodeWhole)->Unit(benchmark::kMillisecond);

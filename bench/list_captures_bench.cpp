@@ -49,8 +49,8 @@ std::string idOf(const char* kind, int i) {
 
 // Raw rows in one transaction: the store's own write path is not measured.
 void seedLibrary(const fs::path& database) {
-    mirel::CaptureStore store(database);
-    auto& db = store.database();
+    { mirel::CaptureStore migrated(database); }
+    mirel::Database db(database);
     db.transaction([&] {
         const double base = 1714521600.0;
         for (int g = 0; g < kGroups; ++g)

@@ -36,8 +36,8 @@ constexpr int kCaptures = 10000;
 // Seeds the library with raw rows in one transaction: the store's own write
 // path (ledger, activity, change signal) is not what is measured here.
 void seedLibrary(const fs::path& database) {
-    mirel::CaptureStore store(database);
-    auto& db = store.database();
+    { mirel::CaptureStore migrated(database); }
+    mirel::Database db(database);
     db.transaction([&] {
         const char* statuses[] = {"open", "open", "in_progress", "resolved", "archived"};
         for (int i = 0; i < kCaptures; ++i) {

@@ -1,4 +1,5 @@
 // `mirel add`: files screenshots and a note as one capture.
+#include "core/platform/file_descriptor.h"
 #include "core/platform/json.h"
 #include "core/platform/text.h"
 #include "core/store/mirel_paths.h"
@@ -51,19 +52,28 @@ const std::vector<OptionDefinition> addOptions = {
     {"scale"},  {"mode"},      {"group"}, {"tag", true}, {"priority"}, {"annotate"},
 };
 
-std::string readStream(std::istream& in) {
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+// Far more than any note or annotation; what is longer is a mistake, such as
+// a device or a log file given by accident.
+constexpr std::size_t maxTextBytes = std::size_t{1} << 20;
+
+std::string readStream(std::istream& in, const std::string& what) {
+    std::string text(maxTextBytes + 1, '\0');
+    in.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<std::size_t>(in.gcount()));
+    if (text.size() > maxTextBytes) {
+        throw FilingError(what + " is larger than " + std::to_string(maxTextBytes) + " bytes");
+    }
+    return text;
 }
 
 std::string readTextFile(const std::string& path, const std::string& what) {
-    if (path == "-") return readStream(std::cin);
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw FilingError("cannot read " + what + " " + path + ": " + std::strerror(errno));
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad()) throw FilingError("cannot read " + what + " " + path);
-    return text;
+    if (path == "-") return readStream(std::cin, "standard input");
+    try {
+        const std::vector<std::uint8_t> bytes = readRegularFile(path, maxTextBytes);
+        return std::string(bytes.begin(), bytes.end());
+    } catch (const FileReadError& error) {
+        throw FilingError(what + ": " + error.what());
+    }
 }
 
 std::string readNote(const ParsedArguments& parsed) {
@@ -73,7 +83,7 @@ std::string readNote(const ParsedArguments& parsed) {
     } else if (auto file = parsed.value("note-file")) {
         text = readTextFile(*file, "note file");
     } else if (!isatty(STDIN_FILENO)) {
-        text = readStream(std::cin);
+        text = readStream(std::cin, "standard input");
     }
     return trimWhitespaceAndNewlines(repairUTF8(text));
 }

@@ -3,7 +3,9 @@
 #include "core/annotation/annotation_renderer.h"
 #include "core/platform/clock.h"
 #include "core/platform/text.h"
+#include "core/platform/file_descriptor.h"
 #include "core/store/mirel_paths.h"
+#include "host/temporary_files.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -35,7 +37,9 @@ std::string kindName(ImageCodec::Format format) {
     }
 }
 
-// The files one filing wrote, removed again unless the filing succeeds.
+// The files of one filing. Each is written whole as a temporary file first;
+// place() moves them all into the library, and unless keep() is called they
+// are removed again, wherever they are.
 class WrittenFiles {
 public:
     WrittenFiles() = default;
@@ -43,42 +47,38 @@ public:
     WrittenFiles& operator=(const WrittenFiles&) = delete;
     ~WrittenFiles() { removeAll(); }
 
-    // Writes the whole file beside its place, then renames it into place, so
-    // a reader never sees half an image.
     void write(const fs::path& file, const std::vector<std::uint8_t>& bytes) {
-        rememberMissingFolders(file.parent_path());
-        MirelPaths::ensureParentDirectory(file);
-        const fs::path temporary = file.string() + ".tmp-" + newID().substr(0, 8);
-        {
-            std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-            out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-            out.close();
-            if (!out) {
-                const int code = errno;
-                std::error_code ignored;
-                fs::remove(temporary, ignored);
-                throw FilingError("could not write " + file.string() + ": " + std::strerror(code));
-            }
+        const fs::path temporary = TemporaryFiles::make();
+        staged_.push_back({temporary, file});
+        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        out.close();
+        if (!out) throw FilingError("could not write " + file.string() + ": " + std::strerror(errno));
+    }
+
+    // Renames every file into its place, so a reader never sees half an image.
+    void place() {
+        for (auto& [temporary, file] : staged_) {
+            rememberMissingFolders(file.parent_path());
+            MirelPaths::ensureParentDirectory(file);
+            std::error_code error;
+            fs::rename(temporary, file, error);
+            if (error) throw FilingError("could not write " + file.string() + ": " + error.message());
+            placed_.push_back(file);
         }
-        std::error_code error;
-        fs::rename(temporary, file, error);
-        if (error) {
-            std::error_code ignored;
-            fs::remove(temporary, ignored);
-            throw FilingError("could not write " + file.string() + ": " + error.message());
-        }
-        files_.push_back(file);
     }
 
     // The filing succeeded: the files stay.
     void keep() {
-        files_.clear();
+        staged_.clear();
+        placed_.clear();
         folders_.clear();
     }
 
     void removeAll() noexcept {
         std::error_code ignored;
-        for (const auto& file : files_) fs::remove(file, ignored);
+        for (const auto& staged : staged_) fs::remove(staged.temporary, ignored);
+        for (const auto& file : placed_) fs::remove(file, ignored);
         // Deepest first; a folder that holds anything else stays.
         for (auto folder = folders_.rbegin(); folder != folders_.rend(); ++folder) fs::remove(*folder, ignored);
         keep();
@@ -95,7 +95,12 @@ private:
         folders_.insert(folders_.end(), missing.rbegin(), missing.rend());
     }
 
-    std::vector<fs::path> files_;
+    struct Staged {
+        fs::path temporary;
+        fs::path file;
+    };
+    std::vector<Staged> staged_;
+    std::vector<fs::path> placed_;
     std::vector<fs::path> folders_;  // created by this filing, outermost first
 };
 
@@ -160,14 +165,6 @@ std::vector<PlannedImage> planImages(const FilingRequest& request, const std::st
     return planned;
 }
 
-void removeRowQuietly(CaptureStore& store, const std::string& table, const std::string& id) noexcept {
-    try {
-        // A real DELETE: the rows that hang on a capture go with it.
-        store.database().execute("DELETE FROM " + table + " WHERE id = ?;", {SQLValue(id)});
-    } catch (...) {
-    }
-}
-
 }  // namespace
 
 PreparedImage prepareImageBytes(std::vector<std::uint8_t> bytes, const std::string& label) {
@@ -181,26 +178,11 @@ PreparedImage prepareImageBytes(std::vector<std::uint8_t> bytes, const std::stri
 }
 
 PreparedImage prepareImageFile(const fs::path& path) {
-    std::error_code error;
-    if (fs::is_directory(path, error)) throw FilingError(path.string() + " is a folder, not an image");
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw FilingError("cannot read " + path.string() + ": " + std::strerror(errno));
-    std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad()) throw FilingError("cannot read " + path.string());
-    return prepareImageBytes(std::move(bytes), path.string());
-}
-
-CaptureGroup findOrCreateGroup(CaptureStore& store, const std::string& name, bool* created) {
-    if (created) *created = false;
-    const std::string trimmed = trimBlanks(name);
-    if (auto existing = store.groupNamed(trimmed, store.defaultWorkspaceID())) return *existing;
-    CaptureGroup group;
-    group.id = newID();
-    group.name = trimmed;
-    group.createdAt = group.updatedAt = Clock::now();
-    CaptureGroup stored = store.upsertGroup(group);
-    if (created) *created = stored.id == group.id;
-    return stored;
+    try {
+        return prepareImageBytes(readRegularFile(path, ImageCodec::maxFileBytes), path.string());
+    } catch (const FileReadError& error) {
+        throw FilingError(error.what());
+    }
 }
 
 std::string fileCapture(CaptureStore& store, const FilingRequest& request) {
@@ -223,23 +205,21 @@ std::string fileCapture(CaptureStore& store, const FilingRequest& request) {
         capture.imageBytes = first.bytes;
     }
 
+    // What an earlier, killed filing left behind.
+    TemporaryFiles::sweep();
     WrittenFiles files;
-    std::optional<std::string> createdGroupID;
-    bool inserted = false;
-    try {
+    for (const PlannedImage& plan : planned) {
+        files.write(MirelPaths::imageURL(plan.row.imagePath), *plan.original);
+        files.write(MirelPaths::thumbURL(*plan.row.thumbPath), plan.thumbPNG);
+        if (plan.markedPNG) files.write(MirelPaths::imageURL(*plan.row.annotatedPath), *plan.markedPNG);
+    }
+    // All rows in one transaction, the group among them: a failure, or a kill
+    // at any moment, leaves no row and no empty group behind.
+    store.transaction([&] {
         if (request.groupName) {
-            bool created = false;
-            capture.groupID = findOrCreateGroup(store, *request.groupName, &created).id;
-            if (created) createdGroupID = capture.groupID;
+            capture.groupID = store.findOrCreateGroup(*request.groupName, store.defaultWorkspaceID()).id;
         }
-        for (const PlannedImage& plan : planned) {
-            files.write(MirelPaths::imageURL(plan.row.imagePath), *plan.original);
-            files.write(MirelPaths::thumbURL(*plan.row.thumbPath), plan.thumbPNG);
-            if (plan.markedPNG) files.write(MirelPaths::imageURL(*plan.row.annotatedPath), *plan.markedPNG);
-        }
-
         store.insert(capture);
-        inserted = true;
         for (const PlannedImage& plan : planned) {
             CaptureImage plain = plan.row;
             plain.annotatedPath.reset();
@@ -252,12 +232,10 @@ std::string fileCapture(CaptureStore& store, const FilingRequest& request) {
             }
         }
         if (!request.tags.empty()) store.setTags(request.tags, capture.id);
-    } catch (...) {
-        if (inserted) removeRowQuietly(store, "captures", capture.id);
-        if (createdGroupID) removeRowQuietly(store, "groups", *createdGroupID);
-        files.removeAll();
-        throw;
-    }
+        // Last, under the write lock: `mirel doctor` never sees these files
+        // without their rows, except after a kill right here.
+        files.place();
+    });
     files.keep();
     return capture.id;
 }

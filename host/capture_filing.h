@@ -3,8 +3,8 @@
 // row, its image rows, group and tags. Shared by `mirel add` and `mirel demo`.
 //
 // All work that can fail on bad input (decoding, rendering, encoding) is done
-// in memory before anything is written; a failure after that removes every
-// file written and the capture row, so a failed filing leaves no trace.
+// in memory before anything is written; the rows then go in one transaction,
+// so a failed filing leaves no trace.
 #include "core/annotation/annotation.h"
 #include "core/image/image.h"
 #include "core/store/capture_store.h"
@@ -56,9 +56,5 @@ inline constexpr int thumbnailEdge = 400;
 // bad input, DatabaseError or the file system's error otherwise; in every
 // case nothing of this capture stays behind.
 std::string fileCapture(CaptureStore& store, const FilingRequest& request);
-
-// The live group of that name (any case) in the default scope, else a new one.
-// `created` tells the caller whether a row was written.
-CaptureGroup findOrCreateGroup(CaptureStore& store, const std::string& name, bool* created = nullptr);
 
 }  // namespace mirel::host

@@ -224,7 +224,7 @@ int runDemo(const Arguments& arguments) {
     } groups[] = {{"Checkout flow", "#FF9F0A"}, {"Design panel", "#AF52DE"}, {"Onboarding", "#34C759"}};
     for (const auto& group : groups) {
         bool created = false;
-        CaptureGroup stored = findOrCreateGroup(store, group.name, &created);
+        CaptureGroup stored = store.findOrCreateGroup(group.name, store.defaultWorkspaceID(), &created);
         if (created) {
             stored.colorHex = group.color;
             store.upsertGroup(stored);
@@ -242,11 +242,17 @@ int runDemo(const Arguments& arguments) {
         request.tags = demo.tags;
         if (demo.images) request.images = demo.images();
         request.annotation = demo.annotation;
-        const std::string id = fileCapture(store, request);
-        // The store dates the "created" line now; the demo's history should
+        // The store dates its writes by the clock; the demo's history should
         // start when its capture was filed.
-        store.database().execute("UPDATE activity SET created_at = ? WHERE capture_id = ? AND kind = 'created';",
-                                 {SQLValue(request.capture.createdAt), SQLValue(id)});
+        std::string id;
+        Clock::pin(request.capture.createdAt);
+        try {
+            id = fileCapture(store, request);
+        } catch (...) {
+            Clock::pin(std::nullopt);
+            throw;
+        }
+        Clock::pin(std::nullopt);
         if (demo.afterwards) demo.afterwards(store, id, request.capture.createdAt);
         ++filed;
     }

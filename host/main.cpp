@@ -24,6 +24,7 @@ const Command commands[] = {
     {"show", runShow, &showUsage, "show one capture in full"},
     {"demo", runDemo, &demoUsage, "fill the library with a demo board"},
     {"path", runPath, &pathUsage, "print the library's folder and database file"},
+    {"doctor", runDoctor, &doctorUsage, "find (--fix: remove) what interrupted work left behind"},
 };
 
 void printUsage(std::ostream& out) {

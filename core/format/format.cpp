@@ -259,16 +259,21 @@ std::string describe(const ActivityEvent& event) {
     const std::string detail = trimBlanks(event.detail);
     const std::string& actor = event.actor;
     const std::string& kind = event.kind;
-    if (kind == "created") {
-        if (detail == "no screenshot") return "filed by " + actor + " without a screenshot";
-        if (detail.empty()) return "captured by " + actor;
-        return "captured by " + actor + " (" + detail + ")";
+    if (const auto known = activityKindFrom(kind)) {
+        switch (*known) {
+            case ActivityKind::created:
+                if (detail == "no screenshot") return "filed by " + actor + " without a screenshot";
+                if (detail.empty()) return "captured by " + actor;
+                return "captured by " + actor + " (" + detail + ")";
+            case ActivityKind::claimed: return actor + " claimed it";
+            case ActivityKind::resolved:
+                return detail.empty() ? actor + " resolved it" : actor + " resolved it \u2014 " + detail;
+            case ActivityKind::commented: return actor + " commented";
+            case ActivityKind::statusChanged: return actor + " changed status: " + detail;
+            case ActivityKind::updated: return actor + " updated " + detail;
+            case ActivityKind::assigned: break;
+        }
     }
-    if (kind == "claimed") return actor + " claimed it";
-    if (kind == "resolved") return detail.empty() ? actor + " resolved it" : actor + " resolved it \u2014 " + detail;
-    if (kind == "commented") return actor + " commented";
-    if (kind == "status_changed") return actor + " changed status: " + detail;
-    if (kind == "updated") return actor + " updated " + detail;
     return detail.empty() ? actor + " " + kind : actor + " " + kind + ": " + detail;
 }
 

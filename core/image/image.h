@@ -34,8 +34,10 @@ enum class Format { png, jpeg, webp, unknown };
 // By the file's first bytes; the extension plays no part.
 Format sniff(const std::uint8_t* bytes, std::size_t size);
 
-// The first image of the file; nothing if it cannot be read or decoded.
-std::optional<Image> decodeFile(const std::filesystem::path& path);
+// Far above any screenshot, and well below what would strain memory before the
+// header can even be looked at: the most a reader of image files takes in.
+inline constexpr std::uint64_t maxFileBytes = std::uint64_t{512} << 20;
+
 std::optional<Image> decode(const std::vector<std::uint8_t>& bytes);
 std::optional<Image> decode(const std::uint8_t* bytes, std::size_t size);
 // Width and height from the header only, without decoding pixels.

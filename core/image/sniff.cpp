@@ -1,28 +1,11 @@
 // Recognising a file by its first bytes, and dispatching to the decoder that
 // knows it. The extension plays no part.
-#include <sys/stat.h>
-
-#include <cstdio>
 #include <cstring>
-#include <memory>
-#include <new>
 
 #include "core/image/codecs.h"
 #include "core/image/image.h"
 
 namespace mirel::ImageCodec {
-
-namespace {
-
-// Far above any screenshot, and well below what would strain memory before the
-// header can even be looked at.
-constexpr std::int64_t maxFileBytes = std::int64_t{512} << 20;
-
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
-}  // namespace
 
 Format sniff(const std::uint8_t* bytes, std::size_t size) {
     static constexpr std::uint8_t png[] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
@@ -46,25 +29,6 @@ std::optional<Image> decode(const std::uint8_t* bytes, std::size_t size) {
 
 std::optional<Image> decode(const std::vector<std::uint8_t>& bytes) {
     return decode(bytes.data(), bytes.size());
-}
-
-std::optional<Image> decodeFile(const std::filesystem::path& path) {
-    std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rb"));
-    if (!file) return std::nullopt;
-    struct stat info {};
-    if (::fstat(::fileno(file.get()), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
-    if (info.st_size <= 0 || info.st_size > maxFileBytes) return std::nullopt;
-
-    std::vector<std::uint8_t> bytes;
-    try {
-        bytes.resize(static_cast<std::size_t>(info.st_size));
-    } catch (const std::bad_alloc&) {
-        return std::nullopt;
-    }
-    // The file may shrink while it is read; decode what actually arrived.
-    const std::size_t got = std::fread(bytes.data(), 1, bytes.size(), file.get());
-    if (got == 0) return std::nullopt;
-    return decode(bytes.data(), got);
 }
 
 std::optional<std::pair<int, int>> dimensions(const std::vector<std::uint8_t>& bytes) {

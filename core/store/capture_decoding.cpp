@@ -1,7 +1,7 @@
 // Row decoders. Reading is forgiving: every field takes the fitting Row
 // accessor and, when the column is absent, NULL or of the wrong kind, a fixed
 // fallback. None of them fails, and the stored row is never changed.
-#include "core/store/capture_store.h"
+#include "core/store/row_decoding.h"
 
 namespace mirel {
 
@@ -41,7 +41,9 @@ SyncState syncStateOf(const Row& row) {
 
 }  // namespace
 
-Capture CaptureStore::decodeCapture(const Row& row) {
+namespace RowDecoding {
+
+Capture decodeCapture(const Row& row) {
     Capture c;
     c.id = idOrNew(row);
     c.createdAt = dateOrNow(row, "created_at");
@@ -79,7 +81,7 @@ Capture CaptureStore::decodeCapture(const Row& row) {
     return c;
 }
 
-CaptureGroup CaptureStore::decodeGroup(const Row& row) {
+CaptureGroup decodeGroup(const Row& row) {
     CaptureGroup g;
     g.id = idOrNew(row);
     g.name = textOr(row, "name", "Untitled");
@@ -100,7 +102,7 @@ CaptureGroup CaptureStore::decodeGroup(const Row& row) {
     return g;
 }
 
-CaptureImage CaptureStore::decodeImage(const Row& row) {
+CaptureImage decodeImage(const Row& row) {
     CaptureImage i;
     i.id = idOrNew(row);
     i.captureID = textOr(row, "capture_id", "");
@@ -124,7 +126,7 @@ CaptureImage CaptureStore::decodeImage(const Row& row) {
     return i;
 }
 
-Comment CaptureStore::decodeComment(const Row& row) {
+Comment decodeComment(const Row& row) {
     Comment c;
     c.id = idOrNew(row);
     c.captureID = textOr(row, "capture_id", "");
@@ -139,7 +141,7 @@ Comment CaptureStore::decodeComment(const Row& row) {
     return c;
 }
 
-ActivityEvent CaptureStore::decodeActivity(const Row& row) {
+ActivityEvent decodeActivity(const Row& row) {
     ActivityEvent e;
     e.id = idOrNew(row);
     e.captureID = row.string("capture_id");
@@ -152,7 +154,7 @@ ActivityEvent CaptureStore::decodeActivity(const Row& row) {
     return e;
 }
 
-Person CaptureStore::decodePerson(const Row& row) {
+Person decodePerson(const Row& row) {
     Person p;
     p.id = textOr(row, "id", "");
     p.name = textOr(row, "name", "Someone");
@@ -162,7 +164,7 @@ Person CaptureStore::decodePerson(const Row& row) {
     return p;
 }
 
-Workspace CaptureStore::decodeWorkspace(const Row& row) {
+Workspace decodeWorkspace(const Row& row) {
     Workspace w;
     w.id = textOr(row, "id", "");
     w.name = textOr(row, "name", "");
@@ -172,4 +174,5 @@ Workspace CaptureStore::decodeWorkspace(const Row& row) {
     return w;
 }
 
+}  // namespace RowDecoding
 }  // namespace mirel

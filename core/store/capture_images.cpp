@@ -1,21 +1,30 @@
 // A capture's screenshots: their rows, their numbering, and the cover that
 // the capture row keeps as a copy of its first image so lists need no join.
 #include "core/store/capture_store.h"
+#include "core/store/row_decoding.h"
 
 #include <filesystem>
 #include <system_error>
 
 namespace mirel {
 
-void CaptureStore::removeFileQuietly(const std::filesystem::path& file) {
-    std::error_code ignored;
-    std::filesystem::remove(file, ignored);
+using namespace RowDecoding;
+
+std::vector<std::filesystem::path> CaptureStore::imageFiles(const CaptureImage& image) {
+    std::vector<std::filesystem::path> files;
+    if (!image.imagePath.empty()) files.push_back(image.originalURL());
+    if (image.annotatedPath) files.push_back(image.displayURL());
+    if (const auto thumb = image.thumbURL()) files.push_back(*thumb);
+    return files;
 }
 
-void CaptureStore::removeImageFiles(const CaptureImage& image) {
-    if (!image.imagePath.empty()) removeFileQuietly(image.originalURL());
-    if (image.annotatedPath) removeFileQuietly(image.displayURL());
-    if (const auto thumb = image.thumbURL()) removeFileQuietly(*thumb);
+void CaptureStore::removeFilesAfterCommit(std::vector<std::filesystem::path> files) {
+    db_->afterCommit([files = std::move(files)] {
+        std::error_code ignored;
+        for (const auto& file : files) {
+            if (!file.empty()) std::filesystem::remove(file, ignored);
+        }
+    });
 }
 
 std::vector<CaptureImage> CaptureStore::images(const std::string& captureID) {
@@ -36,54 +45,55 @@ std::optional<CaptureImage> CaptureStore::image(const std::string& id) {
 }
 
 CaptureImage CaptureStore::addImage(const CaptureImage& image) {
-    CaptureImage copy = image;
-    if (copy.position < 0) {
-        // Tombstones count too, so a deleted image's number is not reused.
-        const std::vector<Row> rows = db_->query(
-            "SELECT COALESCE(MAX(position), -1) + 1 AS n FROM capture_images WHERE capture_id = ?;",
-            {SQLValue(copy.captureID)});
-        copy.position = rows.empty() ? 0 : rows.front().intValue("n").value_or(0);
-    }
-    db_->execute(
-        "INSERT INTO capture_images (id, capture_id, position, image_path, annotated_path, thumb_path, width, "
-        "height, bytes, annotation_json, created_at, remote_id, sync_state, dirty, original_sha256, "
-        "marked_sha256, thumb_sha256, version, deleted_at) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?);",
-        {SQLValue(copy.id), SQLValue(copy.captureID), SQLValue(copy.position), SQLValue(copy.imagePath),
-         SQLValue::string(copy.annotatedPath), SQLValue::string(copy.thumbPath), SQLValue(copy.width),
-         SQLValue(copy.height), SQLValue(copy.bytes), SQLValue::string(copy.annotationJSON),
-         SQLValue(copy.createdAt), SQLValue::string(copy.remoteID), SQLValue(std::string(rawValue(copy.syncState))),
-         SQLValue::boolean(copy.dirty), SQLValue::string(copy.originalSHA256), SQLValue::string(copy.markedSHA256),
-         SQLValue::string(copy.thumbSHA256), SQLValue(copy.version), SQLValue::date(copy.deletedAt)});
-    markPending("capture_images", copy.id, {"*"});
-    refreshCover(copy.captureID);
-    touch(copy.captureID);
-    postDidChange();
-    return copy;
+    // The next number is read and taken under one write lock.
+    return db_->transaction([&] {
+        CaptureImage copy = image;
+        if (copy.position < 0) {
+            // Tombstones count too, so a deleted image's number is not reused.
+            const std::vector<Row> rows = db_->query(
+                "SELECT COALESCE(MAX(position), -1) + 1 AS n FROM capture_images WHERE capture_id = ?;",
+                {SQLValue(copy.captureID)});
+            copy.position = rows.empty() ? 0 : rows.front().intValue("n").value_or(0);
+        }
+        db_->execute(
+            "INSERT INTO capture_images (id, capture_id, position, image_path, annotated_path, thumb_path, width, "
+            "height, bytes, annotation_json, created_at, remote_id, sync_state, dirty, original_sha256, "
+            "marked_sha256, thumb_sha256, version, deleted_at) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?);",
+            {SQLValue(copy.id), SQLValue(copy.captureID), SQLValue(copy.position), SQLValue(copy.imagePath),
+             SQLValue::string(copy.annotatedPath), SQLValue::string(copy.thumbPath), SQLValue(copy.width),
+             SQLValue(copy.height), SQLValue(copy.bytes), SQLValue::string(copy.annotationJSON),
+             SQLValue(copy.createdAt), SQLValue::string(copy.remoteID), SQLValue(std::string(rawValue(copy.syncState))),
+             SQLValue::boolean(copy.dirty), SQLValue::string(copy.originalSHA256), SQLValue::string(copy.markedSHA256),
+             SQLValue::string(copy.thumbSHA256), SQLValue(copy.version), SQLValue::date(copy.deletedAt)});
+        markPending("capture_images", copy.id, {"*"});
+        refreshCover(copy.captureID);
+        touch(copy.captureID);
+        postDidChange();
+        return copy;
+    });
 }
 
 void CaptureStore::updateImage(const CaptureImage& image) {
-    db_->execute(
-        "UPDATE capture_images SET position = ?, image_path = ?, annotated_path = ?, thumb_path = ?, width = ?, "
-        "height = ?, bytes = ?, annotation_json = ?, dirty = 1 WHERE id = ?;",
-        {SQLValue(image.position), SQLValue(image.imagePath), SQLValue::string(image.annotatedPath),
-         SQLValue::string(image.thumbPath), SQLValue(image.width), SQLValue(image.height), SQLValue(image.bytes),
-         SQLValue::string(image.annotationJSON), SQLValue(image.id)});
-    // An edit of the mark-up changes these three together, so all go.
-    markPending("capture_images", image.id, {"annotation_json", "marked_sha256", "thumb_sha256"});
-    refreshCover(image.captureID);
-    touch(image.captureID);
-    postDidChange();
+    db_->transaction([&] {
+        db_->execute(
+            "UPDATE capture_images SET position = ?, image_path = ?, annotated_path = ?, thumb_path = ?, width = ?, "
+            "height = ?, bytes = ?, annotation_json = ?, dirty = 1 WHERE id = ?;",
+            {SQLValue(image.position), SQLValue(image.imagePath), SQLValue::string(image.annotatedPath),
+             SQLValue::string(image.thumbPath), SQLValue(image.width), SQLValue(image.height), SQLValue(image.bytes),
+             SQLValue::string(image.annotationJSON), SQLValue(image.id)});
+        // An edit of the mark-up changes these three together, so all go.
+        markPending("capture_images", image.id, {"annotation_json", "marked_sha256", "thumb_sha256"});
+        refreshCover(image.captureID);
+        touch(image.captureID);
+        postDidChange();
+    });
 }
 
 bool CaptureStore::deleteImage(const std::string& id) {
-    const std::optional<CaptureImage> target = image(id);
-    if (!target) return false;
-    const std::vector<CaptureImage> siblings = images(target->captureID);
-
-    // Files go first; if the rows then fail to change, the row stays without them.
-    removeImageFiles(*target);
-
-    db_->transaction([&] {
+    return db_->transaction([&] {
+        const std::optional<CaptureImage> target = image(id);
+        if (!target) return false;
+        const std::vector<CaptureImage> siblings = images(target->captureID);
         if (target->syncState == SyncState::local) {
             db_->execute("DELETE FROM capture_images WHERE id = ?;", {SQLValue(id)});
         } else {
@@ -104,11 +114,13 @@ bool CaptureStore::deleteImage(const std::string& id) {
             }
             ++next;
         }
+        refreshCover(target->captureID);
+        touch(target->captureID);
+        // The files go once no row names them any more.
+        removeFilesAfterCommit(imageFiles(*target));
+        postDidChange();
+        return true;
     });
-    refreshCover(target->captureID);
-    touch(target->captureID);
-    postDidChange();
-    return true;
 }
 
 void CaptureStore::refreshCover(const std::string& captureID) {
@@ -135,10 +147,12 @@ void CaptureStore::touch(const std::string& captureID) {
 }
 
 void CaptureStore::setCaptureMode(CaptureMode mode, const std::string& captureID) {
-    db_->execute("UPDATE captures SET capture_mode = ?, updated_at = ?, dirty = 1 WHERE id = ?;",
-                 {SQLValue(std::string(rawValue(mode))), SQLValue(Clock::now()), SQLValue(captureID)});
-    markPending("captures", captureID, {"capture_mode"});
-    postDidChange();
+    db_->transaction([&] {
+        db_->execute("UPDATE captures SET capture_mode = ?, updated_at = ?, dirty = 1 WHERE id = ?;",
+                     {SQLValue(std::string(rawValue(mode))), SQLValue(Clock::now()), SQLValue(captureID)});
+        markPending("captures", captureID, {"capture_mode"});
+        postDidChange();
+    });
 }
 
 }  // namespace mirel

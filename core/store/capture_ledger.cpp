@@ -2,8 +2,11 @@
 // to reach the server. It lives in the tables' own pending/sync_state columns.
 #include "core/platform/json.h"
 #include "core/store/capture_store.h"
+#include "core/store/row_decoding.h"
 
 namespace mirel {
+
+using namespace RowDecoding;
 
 namespace {
 

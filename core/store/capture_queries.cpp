@@ -3,17 +3,20 @@
 // at the next read.
 #include "core/platform/text.h"
 #include "core/store/capture_store.h"
+#include "core/store/row_decoding.h"
 #include "core/store/sql_lists.h"
 
 #include <charconv>
 
 namespace mirel {
 
+using namespace RowDecoding;
+
 namespace {
 
 std::optional<Capture> firstCapture(const std::vector<Row>& rows) {
     if (rows.empty()) return std::nullopt;
-    return CaptureStore::decodeCapture(rows.front());
+    return decodeCapture(rows.front());
 }
 
 // The shortest decimal that reads back as the same double, always with a

@@ -60,6 +60,7 @@ std::optional<std::string> CaptureStore::defaultWorkspaceID() {
     return syncMetaOrAbsent("default_workspace_id");
 }
 
-void CaptureStore::postDidChange() { ChangeSignal::post(); }
+// Others must not hear of a change before they can read it.
+void CaptureStore::postDidChange() { db_->afterCommit([] { ChangeSignal::post(); }); }
 
 }  // namespace mirel

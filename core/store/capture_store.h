@@ -2,10 +2,11 @@
 // The one class through which everything reads and writes a library. Its
 // member functions are defined in several files by concern:
 //   capture_store.cpp      opening, sync_meta, the change signal
-//   capture_decoding.cpp   row decoders
+//   capture_decoding.cpp   row decoders (row_decoding.h)
 //   capture_queries.cpp    reads of captures, counts, change stamp
 //   capture_writes.cpp     insert, update and the lifecycle
 //   capture_images.cpp     image rows and the cover
+//   capture_files.cpp      the files rows name, for checks of the library
 //   capture_groups.cpp     groups
 //   capture_tags_comments.cpp  tags, comments and activity
 //   capture_ledger.cpp     the pending-change ledger
@@ -39,7 +40,13 @@ public:
     // file system's error.
     explicit CaptureStore(const std::filesystem::path& databaseURL);
 
-    Database& database() { return *db_; }
+    // Runs `body` all or nothing and gives its value: store calls inside it
+    // compose into one transaction under the write lock, and their change
+    // signals go out after the commit. A body that throws changes nothing.
+    template <class Body>
+    auto transaction(Body&& body) -> decltype(body()) {
+        return db_->transaction(std::forward<Body>(body));
+    }
 
     // ---- sync_meta ----
     std::optional<std::string> syncMeta(const std::string& key);
@@ -82,6 +89,16 @@ public:
     void refreshCover(const std::string& captureID);
     void setCaptureMode(CaptureMode mode, const std::string& captureID);
 
+    // Every file path a row names, relative to its root: live rows,
+    // tombstones and deleted captures alike.
+    struct NamedFiles {
+        std::set<std::string> images;  // under capturesRoot
+        std::set<std::string> thumbs;   // under thumbsRoot
+    };
+    NamedFiles namedFiles();
+    // Image rows of live captures, in capture and position order.
+    std::vector<CaptureImage> liveImages();
+
     // ---- Groups ----
     std::vector<CaptureGroup> groups();
     std::optional<CaptureGroup> group(const std::string& id);
@@ -89,7 +106,13 @@ public:
                                            const std::optional<std::string>& workspaceID);
     std::optional<CaptureGroup> groupMatchingPath(const std::string& path);
     CaptureGroup upsertGroup(const CaptureGroup& group);
+    // The live group of that name (any case) in `scope`, else
+    // a new one; `created` tells whether a row was written.
+    CaptureGroup findOrCreateGroup(const std::string& name, const std::optional<std::string>& scope,
+                                   bool* created = nullptr);
     void deleteGroup(const std::string& id);
+    // Live groups that no capture row names, deleted ones included.
+    std::vector<CaptureGroup> groupsWithoutCaptures();
 
     // ---- Tags, comments, activity ----
     std::vector<std::string> tags(const std::string& captureID);
@@ -102,6 +125,15 @@ public:
     std::vector<Comment> comments(const std::string& captureID);
     void addComment(const Comment& comment);
     std::vector<ActivityEvent> activity(const std::string& captureID);
+    // A history line written here: dated now, by the signed-in user's id.
+    struct LocalActivity {
+        std::string captureID{};
+        ActivityKind kind = ActivityKind::updated;
+        std::string detail{};
+        std::string actor = "you";
+    };
+    void recordActivity(const LocalActivity& line);
+    // Any line, as the server sends them too.
     void recordActivity(const std::optional<std::string>& captureID, const std::string& kind,
                         const std::string& detail, const std::string& actor, const std::string& id,
                         Date createdAt, const std::optional<std::string>& actorID, bool remote);
@@ -201,24 +233,19 @@ public:
 
     // ======== End of the sync side ========
 
-    // ---- Row decoders: never fail, put fallbacks in place of bad data ----
-    static Capture decodeCapture(const Row& row);
-    static CaptureGroup decodeGroup(const Row& row);
-    static CaptureImage decodeImage(const Row& row);
-    static Comment decodeComment(const Row& row);
-    static ActivityEvent decodeActivity(const Row& row);
-    static Person decodePerson(const Row& row);
-    static Workspace decodeWorkspace(const Row& row);
-
 private:
+    // Tests reach the database through this, and nothing else does.
+    friend struct CaptureStoreTestAccess;
+
     // Tells other processes that the library changed.
     void postDidChange();
     // Moves updated_at and sets dirty, without a ledger entry.
     void touch(const std::string& captureID);
-    // Removes an image's original, marked-up file and thumbnail; failures are
-    // ignored (the file may never have been downloaded, or be gone already).
-    static void removeImageFiles(const CaptureImage& image);
-    static void removeFileQuietly(const std::filesystem::path& file);
+    // An image's original, marked-up file and thumbnail.
+    static std::vector<std::filesystem::path> imageFiles(const CaptureImage& image);
+    // Removes the files once the transaction commits (at once outside one);
+    // failures are ignored: a file may never have been downloaded, or be gone.
+    void removeFilesAfterCommit(std::vector<std::filesystem::path> files);
     // syncMeta with every error read as absent.
     std::optional<std::string> syncMetaOrAbsent(const std::string& key);
 

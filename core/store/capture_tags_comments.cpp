@@ -1,11 +1,14 @@
 // The small data hung on a capture: tags, comments and the history lines.
 #include "core/platform/text.h"
 #include "core/store/capture_store.h"
+#include "core/store/row_decoding.h"
 #include "core/store/sql_lists.h"
 
 #include <set>
 
 namespace mirel {
+
+using namespace RowDecoding;
 
 std::vector<std::string> CaptureStore::tags(const std::string& captureID) {
     std::vector<std::string> names;
@@ -75,9 +78,11 @@ void CaptureStore::replaceTags(const std::vector<std::string>& names, const std:
 }
 
 void CaptureStore::setTags(const std::vector<std::string>& names, const std::string& captureID) {
-    replaceTags(names, captureID);
-    markPending("captures", captureID, {"tags"});
-    postDidChange();
+    db_->transaction([&] {
+        replaceTags(names, captureID);
+        markPending("captures", captureID, {"tags"});
+        postDidChange();
+    });
 }
 
 std::vector<Comment> CaptureStore::comments(const std::string& captureID) {
@@ -97,20 +102,23 @@ void CaptureStore::addComment(const Comment& comment) {
         const std::optional<std::string> userName = syncMetaOrAbsent("user_name");
         c.actorLabel = userName ? c.author + " \u00B7 " + *userName : c.author;
     }
-    if (c.syncState == SyncState::local) {
-        if (const std::optional<Capture> owner = rawCapture(c.captureID); owner && owner->isShared()) {
-            c.syncState = SyncState::pendingPush;
+    db_->transaction([&] {
+        if (c.syncState == SyncState::local) {
+            if (const std::optional<Capture> owner = rawCapture(c.captureID); owner && owner->isShared()) {
+                c.syncState = SyncState::pendingPush;
+            }
         }
-    }
-    db_->execute(
-        "INSERT OR IGNORE INTO comments (id, capture_id, author, is_agent, body, created_at, author_id, "
-        "actor_label, kind, sync_state) VALUES (?,?,?,?,?,?,?,?,?,?);",
-        {SQLValue(c.id), SQLValue(c.captureID), SQLValue(c.author), SQLValue::boolean(c.isAgent), SQLValue(c.body),
-         SQLValue(c.createdAt), SQLValue::string(c.authorID), SQLValue::string(c.actorLabel), SQLValue(c.kind),
-         SQLValue(std::string(rawValue(c.syncState)))});
-    // A comment is news on the board, but no edit of the capture itself.
-    db_->execute("UPDATE captures SET updated_at = ? WHERE id = ?;", {SQLValue(Clock::now()), SQLValue(c.captureID)});
-    postDidChange();
+        db_->execute(
+            "INSERT OR IGNORE INTO comments (id, capture_id, author, is_agent, body, created_at, author_id, "
+            "actor_label, kind, sync_state) VALUES (?,?,?,?,?,?,?,?,?,?);",
+            {SQLValue(c.id), SQLValue(c.captureID), SQLValue(c.author), SQLValue::boolean(c.isAgent), SQLValue(c.body),
+             SQLValue(c.createdAt), SQLValue::string(c.authorID), SQLValue::string(c.actorLabel), SQLValue(c.kind),
+             SQLValue(std::string(rawValue(c.syncState)))});
+        // A comment is news on the board, but no edit of the capture itself.
+        db_->execute("UPDATE captures SET updated_at = ? WHERE id = ?;",
+                     {SQLValue(Clock::now()), SQLValue(c.captureID)});
+        postDidChange();
+    });
 }
 
 std::vector<ActivityEvent> CaptureStore::activity(const std::string& captureID) {
@@ -120,6 +128,11 @@ std::vector<ActivityEvent> CaptureStore::activity(const std::string& captureID) 
         result.push_back(decodeActivity(row));
     }
     return result;
+}
+
+void CaptureStore::recordActivity(const LocalActivity& line) {
+    recordActivity(line.captureID, std::string(rawValue(line.kind)), line.detail, line.actor, newID(), Clock::now(),
+                   std::nullopt, false);
 }
 
 void CaptureStore::recordActivity(const std::optional<std::string>& captureID, const std::string& kind,

@@ -5,6 +5,10 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
 namespace mirel {
 
 void Database::Closer::operator()(sqlite3* handle) const { sqlite3_close_v2(handle); }
@@ -25,43 +29,62 @@ Database::Database(const std::filesystem::path& path) {
                                    SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                                    nullptr);
     std::unique_ptr<sqlite3, Closer> opened(raw);
-    if (rc != SQLITE_OK || !raw) {
-        throw DatabaseError::openFailed(raw ? sqlite3_errmsg(raw) : "unknown error");
-    }
+    if (rc != SQLITE_OK || !raw) throw sqliteError(raw, rc, DatabaseError::Case::openFailed, "");
     handle_ = std::move(opened);
-    executeRaw("PRAGMA journal_mode = WAL;");
-    executeRaw("PRAGMA foreign_keys = ON;");
+    // First: every later statement may wait for another process (switching
+    // a new file to WAL takes a lock), and must wait rather than fail.
     executeRaw("PRAGMA busy_timeout = 5000;");
+    switchToWAL();
+    executeRaw("PRAGMA foreign_keys = ON;");
     executeRaw("PRAGMA synchronous = NORMAL;");
 }
 
-std::string Database::lastMessage() const {
-    return handle_ ? sqlite3_errmsg(handle_.get()) : "no database handle";
+// Switching a fresh file to WAL needs an exclusive lock, and SQLite answers
+// SQLITE_BUSY at once, without its busy handler, when another process holds
+// the file in the moment it asks (the handler would risk a deadlock there).
+// So this one statement waits by itself, as long as the busy timeout.
+void Database::switchToWAL() {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(5000);
+    for (;;) {
+        try {
+            executeRaw("PRAGMA journal_mode = WAL;");
+            return;
+        } catch (const DatabaseError& error) {
+            const int primary = error.code() & 0xff;
+            if ((primary != SQLITE_BUSY && primary != SQLITE_LOCKED) || Clock::now() >= deadline) throw;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
 }
 
 Database::Statement Database::prepare(const std::string& sql, const std::vector<SQLValue>& values) {
-    if (!handle_) throw DatabaseError::prepareFailed("no database handle", sql);
+    using Stage = DatabaseError::Case;
+    if (!handle_) throw sqliteError(nullptr, SQLITE_MISUSE, Stage::prepareFailed, sql);
     sqlite3_stmt* raw = nullptr;
     const int rc = sqlite3_prepare_v2(handle_.get(), sql.c_str(), -1, &raw, nullptr);
     Statement statement{std::unique_ptr<sqlite3_stmt, Statement::Finalizer>(raw)};
-    if (rc != SQLITE_OK) throw DatabaseError::prepareFailed(lastMessage(), sql);
+    if (rc != SQLITE_OK) throw sqliteError(handle_.get(), rc, Stage::prepareFailed, sql);
     if (!raw) return statement;  // empty text or only a comment: nothing to run
-    int index = 1;
-    for (const SQLValue& value : values) {
+    // Values beyond the statement's parameters are not bound; missing ones stay NULL.
+    const int parameters = sqlite3_bind_parameter_count(raw);
+    for (int index = 1; index <= parameters && index <= static_cast<int>(values.size()); ++index) {
+        const SQLValue& value = values[index - 1];
+        int bound = SQLITE_OK;
         if (value.isInt()) {
-            sqlite3_bind_int64(raw, index, value.asInt());
+            bound = sqlite3_bind_int64(raw, index, value.asInt());
         } else if (value.isDouble()) {
-            sqlite3_bind_double(raw, index, value.asDouble());
+            bound = sqlite3_bind_double(raw, index, value.asDouble());
         } else if (value.isText()) {
-            sqlite3_bind_text(raw, index, value.asText().c_str(), -1, SQLITE_TRANSIENT);
+            bound = sqlite3_bind_text(raw, index, value.asText().c_str(), -1, SQLITE_TRANSIENT);
         } else if (value.isBlob()) {
             const Blob& bytes = value.asBlob();
-            if (bytes.empty()) sqlite3_bind_zeroblob(raw, index, 0);
-            else sqlite3_bind_blob64(raw, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT);
+            bound = bytes.empty() ? sqlite3_bind_zeroblob(raw, index, 0)
+                                  : sqlite3_bind_blob64(raw, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT);
         } else {
-            sqlite3_bind_null(raw, index);
+            bound = sqlite3_bind_null(raw, index);
         }
-        ++index;
+        if (bound != SQLITE_OK) throw sqliteError(handle_.get(), bound, Stage::prepareFailed, sql);
     }
     return statement;
 }
@@ -71,20 +94,19 @@ std::int64_t Database::execute(const std::string& sql, const std::vector<SQLValu
     Statement statement = prepare(sql, values);
     if (!statement.get()) return 0;
     const int rc = sqlite3_step(statement.get());
-    if (rc != SQLITE_ROW && rc != SQLITE_DONE) throw DatabaseError::stepFailed(lastMessage(), sql);
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+        throw sqliteError(handle_.get(), rc, DatabaseError::Case::stepFailed, sql);
+    }
     return sqlite3_changes(handle_.get());
 }
 
 void Database::executeRaw(const std::string& sql) {
     std::lock_guard<std::recursive_mutex> guard(lock_);
-    if (!handle_) throw DatabaseError::stepFailed("no database handle", sql);
-    char* error = nullptr;
-    const int rc = sqlite3_exec(handle_.get(), sql.c_str(), nullptr, nullptr, &error);
-    if (rc != SQLITE_OK) {
-        std::string message = error ? std::string(error) : lastMessage();
-        sqlite3_free(error);
-        throw DatabaseError::stepFailed(std::move(message), sql);
-    }
+    if (!handle_) throw sqliteError(nullptr, SQLITE_MISUSE, DatabaseError::Case::stepFailed, sql);
+    char* raw = nullptr;
+    const int rc = sqlite3_exec(handle_.get(), sql.c_str(), nullptr, nullptr, &raw);
+    const std::unique_ptr<char, decltype(&sqlite3_free)> reported(raw, &sqlite3_free);
+    if (rc != SQLITE_OK) throw sqliteError(handle_.get(), rc, DatabaseError::Case::stepFailed, sql, reported.get());
 }
 
 std::vector<Row> Database::query(const std::string& sql, const std::vector<SQLValue>& values) {
@@ -133,12 +155,68 @@ std::vector<Row> Database::query(const std::string& sql, const std::vector<SQLVa
     return rows;
 }
 
-void Database::rollbackQuietly() {
-    try {
-        executeRaw("ROLLBACK;");
-    } catch (const DatabaseError&) {
-        // The first error is the one the caller needs to see.
+namespace {
+
+std::string savepoint(int level) { return "nest_" + std::to_string(level); }
+
+}  // namespace
+
+int Database::begin() {
+    if (depth_ == 0) executeRaw("BEGIN IMMEDIATE TRANSACTION;");
+    else executeRaw("SAVEPOINT " + savepoint(depth_ + 1) + ";");
+    return ++depth_;
+}
+
+Database::AfterCommit Database::commit(int level) {
+    if (level > 1) {
+        executeRaw("RELEASE " + savepoint(level) + ";");
+        --depth_;
+        // Its actions now stand or fall with the enclosing level.
+        for (auto& entry : pending_) entry.first = std::min(entry.first, depth_);
+        return {};
     }
+    executeRaw("COMMIT;");
+    depth_ = 0;
+    AfterCommit due;
+    for (auto& [asker, action] : pending_) due.push_back(std::move(action));
+    pending_.clear();
+    return due;
+}
+
+void Database::rollback(int level) noexcept {
+    try {
+        if (level > 1) executeRaw("ROLLBACK TO " + savepoint(level) + "; RELEASE " + savepoint(level) + ";");
+        else executeRaw("ROLLBACK;");
+    } catch (...) {
+        // SQLite may have ended the transaction itself (a full disk, say);
+        // the first error is the one the caller needs to see.
+    }
+    depth_ = level - 1;
+    std::erase_if(pending_, [level](const auto& entry) { return entry.first >= level; });
+}
+
+void Database::runQuietly(const AfterCommit& actions) noexcept {
+    for (const auto& action : actions) {
+        try {
+            action();
+        } catch (...) {
+        }
+    }
+}
+
+void Database::afterCommit(std::function<void()> action) {
+    std::unique_lock<std::recursive_mutex> guard(lock_);
+    if (depth_ > 0) {
+        pending_.emplace_back(depth_, std::move(action));
+        return;
+    }
+    guard.unlock();
+    runQuietly({std::move(action)});
+}
+
+bool Database::inTransaction() {
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    return depth_ > 0;
 }
 
 }  // namespace mirel

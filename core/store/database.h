@@ -5,9 +5,12 @@
 #include "core/store/sql_value.h"
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 struct sqlite3;
@@ -30,41 +33,77 @@ public:
     // Rows in result order. A failing step ends the list quietly.
     std::vector<Row> query(const std::string& sql, const std::vector<SQLValue>& values = {});
 
-    // BEGIN IMMEDIATE … COMMIT round `body`, rolled back when the body or the
-    // commit throws. Transactions do not nest.
+    // Runs `body` all or nothing and gives its value. The outermost level is
+    // BEGIN IMMEDIATE … COMMIT, so the write lock is held from the first read
+    // of the body: writers in other processes wait (busy time-out) instead of
+    // overwriting what the body read. Levels inside it are savepoints, so an
+    // operation with its own transaction composes into a larger one. A body
+    // that throws leaves nothing of its level behind.
     template <class Body>
     auto transaction(Body&& body) -> decltype(body()) {
-        std::lock_guard<std::recursive_mutex> guard(lock_);
-        executeRaw("BEGIN IMMEDIATE TRANSACTION;");
-        try {
-            if constexpr (std::is_void_v<decltype(body())>) {
-                body();
-                executeRaw("COMMIT;");
-            } else {
-                auto result = body();
-                executeRaw("COMMIT;");
-                return result;
+        std::unique_lock<std::recursive_mutex> guard(lock_);
+        const int level = begin();
+        AfterCommit committed;
+        auto run = [&]() -> decltype(body()) {
+            try {
+                if constexpr (std::is_void_v<decltype(body())>) {
+                    body();
+                    committed = commit(level);
+                } else {
+                    auto result = body();
+                    committed = commit(level);
+                    return result;
+                }
+            } catch (...) {
+                rollback(level);
+                throw;
             }
-        } catch (...) {
-            rollbackQuietly();
-            throw;
+        };
+        if constexpr (std::is_void_v<decltype(body())>) {
+            run();
+            guard.unlock();
+            runQuietly(committed);
+        } else {
+            auto result = run();
+            guard.unlock();
+            runQuietly(committed);
+            return result;
         }
     }
 
+    // Runs `action` once the outermost transaction has committed, or at once
+    // when none is open; dropped if the level that asked for it rolls back.
+    // For what others must only see after the data: the change signal, the
+    // removal of files that rows no longer name. Must not throw.
+    void afterCommit(std::function<void()> action);
+    bool inTransaction();
+
 private:
+    void switchToWAL();
     struct Closer {
         void operator()(sqlite3* handle) const;
     };
     struct Statement;
 
+    using AfterCommit = std::vector<std::function<void()>>;
+
     Statement prepare(const std::string& sql, const std::vector<SQLValue>& values);
-    std::string lastMessage() const;
-    void rollbackQuietly();
+    // The level just opened: 1 for the outermost transaction.
+    int begin();
+    // Ends `level` successfully; for the outermost, the actions now due.
+    AfterCommit commit(int level);
+    // Undoes `level`; SQLite's own errors here are not the caller's news.
+    void rollback(int level) noexcept;
+    static void runQuietly(const AfterCommit& actions) noexcept;
 
     // Constant after construction.
     std::unique_ptr<sqlite3, Closer> handle_;
     // Held for every use of the handle, and over a whole transaction.
     std::recursive_mutex lock_;
+    // Guarded by lock_: open levels, and the actions waiting for the commit
+    // with the level that asked for each.
+    int depth_ = 0;
+    std::vector<std::pair<int, std::function<void()>>> pending_;
 };
 
 }  // namespace mirel

@@ -101,8 +101,25 @@ fs::path databaseURL() { return support() / "mirel.sqlite"; }
 fs::path capturesRoot() { return support() / "captures"; }
 fs::path thumbsRoot() { return support() / "thumbs"; }
 fs::path logsRoot() { return support() / "logs"; }
-fs::path imageURL(const std::string& relative) { return capturesRoot() / relative; }
-fs::path thumbURL(const std::string& relative) { return thumbsRoot() / relative; }
+fs::path temporaryRoot() { return support() / "tmp"; }
+
+namespace {
+
+// A stored path names a file inside its root or nothing: an absolute one, or
+// one that climbs out with "..", reads as a file that is not there.
+fs::path inside(const fs::path& root, const std::string& relative) {
+    const fs::path path(relative);
+    if (relative.empty() || path.is_absolute()) return {};
+    for (const fs::path& part : path) {
+        if (part == "..") return {};
+    }
+    return root / path;
+}
+
+}  // namespace
+
+fs::path imageURL(const std::string& relative) { return inside(capturesRoot(), relative); }
+fs::path thumbURL(const std::string& relative) { return inside(thumbsRoot(), relative); }
 
 std::string relativeImagePath(const std::string& id, Date date, const std::string& ext) {
     int year = 0;

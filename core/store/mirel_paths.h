@@ -17,6 +17,10 @@ std::filesystem::path databaseURL();
 std::filesystem::path capturesRoot();
 std::filesystem::path thumbsRoot();
 std::filesystem::path logsRoot();
+// Where `mirel add` writes files before they take their place.
+std::filesystem::path temporaryRoot();
+// The file a stored path names; an empty path when it is empty, absolute or
+// contains "..", which every reader takes for a missing file.
 std::filesystem::path imageURL(const std::string& relative);
 std::filesystem::path thumbURL(const std::string& relative);
 

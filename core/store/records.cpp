@@ -50,6 +50,15 @@ constexpr std::array<Entry<GroupVisibility>, 2> kVisibilities{{
     {GroupVisibility::private_, "private", "Private"},
 }};
 
+constexpr std::array<Entry<ActivityKind>, 7> kActivityKinds{{
+    {ActivityKind::created, "created", ""},
+    {ActivityKind::claimed, "claimed", ""},
+    {ActivityKind::resolved, "resolved", ""},
+    {ActivityKind::commented, "commented", ""},
+    {ActivityKind::statusChanged, "status_changed", ""},
+    {ActivityKind::updated, "updated", ""},
+    {ActivityKind::assigned, "assigned", ""},
+}};
 
 template <class Enum, std::size_t N>
 const Entry<Enum>& entry(const std::array<Entry<Enum>, N>& table, Enum value) {
@@ -72,6 +81,7 @@ std::string_view rawValue(CapturePriority v) { return entry(kPriorities, v).raw;
 std::string_view rawValue(CaptureMode v) { return entry(kModes, v).raw; }
 std::string_view rawValue(SyncState v) { return entry(kSyncStates, v).raw; }
 std::string_view rawValue(GroupVisibility v) { return entry(kVisibilities, v).raw; }
+std::string_view rawValue(ActivityKind v) { return entry(kActivityKinds, v).raw; }
 
 std::string_view displayName(CaptureStatus v) { return entry(kStatuses, v).display; }
 std::string_view displayName(CapturePriority v) { return entry(kPriorities, v).display; }
@@ -92,6 +102,7 @@ std::optional<CapturePriority> capturePriorityFrom(std::string_view raw) { retur
 std::optional<CaptureMode> captureModeFrom(std::string_view raw) { return parse(kModes, raw); }
 std::optional<SyncState> syncStateFrom(std::string_view raw) { return parse(kSyncStates, raw); }
 std::optional<GroupVisibility> groupVisibilityFrom(std::string_view raw) { return parse(kVisibilities, raw); }
+std::optional<ActivityKind> activityKindFrom(std::string_view raw) { return parse(kActivityKinds, raw); }
 
 // ---- Capture ----
 

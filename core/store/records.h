@@ -20,12 +20,16 @@ enum class CapturePriority { low, normal, high };
 enum class CaptureMode { region, fullscreen, window, text };
 enum class SyncState { local, synced, pendingPush };
 enum class GroupVisibility { workspace, private_ };
+// What a history line tells. Lines from the server may carry other words:
+// ActivityEvent keeps the word as stored.
+enum class ActivityKind { created, claimed, resolved, commented, statusChanged, updated, assigned };
 
 std::string_view rawValue(CaptureStatus);
 std::string_view rawValue(CapturePriority);
 std::string_view rawValue(CaptureMode);
 std::string_view rawValue(SyncState);
 std::string_view rawValue(GroupVisibility);
+std::string_view rawValue(ActivityKind);
 
 std::string_view displayName(CaptureStatus);    // "Open", "In Progress", …
 std::string_view displayName(CapturePriority);  // "Low", "Normal", "High"
@@ -38,6 +42,7 @@ std::optional<CapturePriority> capturePriorityFrom(std::string_view raw);
 std::optional<CaptureMode> captureModeFrom(std::string_view raw);
 std::optional<SyncState> syncStateFrom(std::string_view raw);
 std::optional<GroupVisibility> groupVisibilityFrom(std::string_view raw);
+std::optional<ActivityKind> activityKindFrom(std::string_view raw);
 
 namespace CaptureStatuses {
 // The statuses of work still to do, in this order.

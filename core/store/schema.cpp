@@ -131,11 +131,9 @@ constexpr const char* kStep4 = R"SQL(
 ALTER TABLE captures ADD COLUMN display_scale REAL NOT NULL DEFAULT 0;
 )SQL";
 
-// Identity, sharing and sync. Foreign keys are off while ids change case, so
+// Identity, sharing and sync. Runs with foreign keys off (see migrate), so
 // that parent and child rows can be rewritten one table at a time.
 constexpr const char* kStep5 = R"SQL(
-PRAGMA foreign_keys = OFF;
-
 UPDATE captures SET id = lower(id), group_id = lower(group_id);
 UPDATE groups SET id = lower(id);
 UPDATE capture_images SET id = lower(id), capture_id = lower(capture_id);
@@ -215,8 +213,6 @@ CREATE TABLE IF NOT EXISTS sync_log (
     level          TEXT NOT NULL,
     message        TEXT NOT NULL
 );
-
-PRAGMA foreign_keys = ON;
 )SQL";
 
 }  // namespace
@@ -232,15 +228,40 @@ std::string_view stepSQL(int step) {
     }
 }
 
-void migrate(Database& db) {
+namespace {
+
+std::int64_t userVersion(Database& db) {
     const std::vector<Row> rows = db.query("PRAGMA user_version;");
-    const std::int64_t version = rows.empty() ? 0 : rows.front().intValue("user_version").value_or(0);
+    return rows.empty() ? 0 : rows.front().intValue("user_version").value_or(0);
+}
+
+// Steps that rewrite ids of parents and children one table at a time.
+bool needsForeignKeysOff(int step) { return step == 5; }
+
+}  // namespace
+
+void migrate(Database& db) {
     // A later schema than ours is opened as it stands.
-    if (version >= currentVersion) return;
-    const int first = version <= 0 ? 1 : static_cast<int>(version) + 1;
-    // No transaction: step 5 switches foreign keys, which SQLite ignores inside one.
-    for (int step = first; step <= currentVersion; ++step) db.executeRaw(std::string(stepSQL(step)));
-    db.executeRaw("PRAGMA user_version = " + std::to_string(currentVersion) + ";");
+    if (userVersion(db) >= currentVersion) return;
+    for (int step = 1; step <= currentVersion; ++step) {
+        // SQLite ignores this switch inside a transaction, so it goes round it.
+        const bool keysOff = needsForeignKeysOff(step);
+        if (keysOff) db.executeRaw("PRAGMA foreign_keys = OFF;");
+        try {
+            // Each step and its version number land together, under the write
+            // lock: a process that waited here sees what the other one did,
+            // and a step that fails leaves the last completed version.
+            db.transaction([&] {
+                if (userVersion(db) >= step) return;
+                db.executeRaw(std::string(stepSQL(step)));
+                db.executeRaw("PRAGMA user_version = " + std::to_string(step) + ";");
+            });
+        } catch (...) {
+            if (keysOff) db.executeRaw("PRAGMA foreign_keys = ON;");
+            throw;
+        }
+        if (keysOff) db.executeRaw("PRAGMA foreign_keys = ON;");
+    }
 }
 
 }  // namespace mirel::Schema

@@ -1,6 +1,7 @@
 // Moving whole records into a workspace or out of one, removing what the
 // device may no longer keep, and the engine's own rolling log.
 #include "core/store/capture_store.h"
+#include "core/store/row_decoding.h"
 
 namespace mirel {
 
@@ -49,7 +50,7 @@ std::vector<Capture> CaptureStore::localCaptures() {
     std::vector<Capture> result;
     for (const Row& row : db_->query(
              "SELECT * FROM captures WHERE workspace_id IS NULL AND deleted_at IS NULL ORDER BY created_at DESC;")) {
-        result.push_back(decodeCapture(row));
+        result.push_back(RowDecoding::decodeCapture(row));
     }
     return result;
 }

@@ -1,5 +1,6 @@
 // What the engine's blob upload and image download read and write.
 #include "core/store/capture_store.h"
+#include "core/store/row_decoding.h"
 #include "core/sync/content_hash.h"
 #include "core/sync/remote_apply.h"
 
@@ -29,7 +30,7 @@ std::vector<CaptureStore::AwaitingDownload> CaptureStore::imagesAwaitingDownload
     for (const Row& row : rows) {
         std::optional<std::string> workspace = row.string("ws");
         if (!workspace) continue;
-        CaptureImage image = decodeImage(row);
+        CaptureImage image = RowDecoding::decodeImage(row);
         // The id becomes a file name and the hashes and workspace URL segments:
         // a row that could not safely give them is never offered.
         if (!RemoteApply::isSafeID(image.id) || !RemoteApply::isSafeID(*workspace) ||

@@ -1,6 +1,7 @@
 // Ledger rows become the change objects of a push. What goes out is always
 // the row's current value of each pending field: the ledger keeps names only.
 #include "core/store/capture_store.h"
+#include "core/store/row_decoding.h"
 #include "core/sync/wire.h"
 
 namespace mirel {
@@ -135,7 +136,7 @@ std::optional<Json> CaptureStore::imageChange(const Pending& pending, const Capt
 std::optional<Json> CaptureStore::groupChange(const Pending& pending) {
     const std::vector<Row> rows = db_->query("SELECT * FROM groups WHERE id = ?;", {SQLValue(pending.id)});
     if (rows.empty()) return std::nullopt;
-    const CaptureGroup group = decodeGroup(rows.front());
+    const CaptureGroup group = RowDecoding::decodeGroup(rows.front());
     if (pending.fields.count("*")) {
         if (!group.workspaceID) return std::nullopt;
         return withPatch("groups", pending, groupRecord(group));
@@ -188,11 +189,11 @@ bool CaptureStore::markSynced(const Pending& collected, const Json& sentChange,
             if (table == "captures") {
                 std::optional<std::vector<std::string>> tagNames;
                 if (sentPatch.contains("tags")) tagNames = tags(collected.id);
-                current = captureRecord(decodeCapture(row), tagNames);
+                current = captureRecord(RowDecoding::decodeCapture(row), tagNames);
             } else if (table == "capture_images") {
-                current = imageRecord(decodeImage(row));
+                current = imageRecord(RowDecoding::decodeImage(row));
             } else {
-                const CaptureGroup group = decodeGroup(row);
+                const CaptureGroup group = RowDecoding::decodeGroup(row);
                 current = groupRecord(group);
                 current["archived_at"] = Wire::stamp(group.archivedAt);
             }

@@ -1,6 +1,7 @@
 // A remote capture meets the local row field by field: a field with a waiting
 // local edit keeps its local value, every other field takes the server's.
 #include "core/store/capture_store.h"
+#include "core/store/row_decoding.h"
 #include "core/sync/remote_apply.h"
 #include "core/sync/wire.h"
 
@@ -107,7 +108,7 @@ void CaptureStore::applyRemoteCapture(const Json& object) {
 void CaptureStore::dropCapture(const std::string& id) {
     for (const Row& row :
          db_->query("SELECT * FROM capture_images WHERE capture_id = ?;", {SQLValue(id)})) {
-        removeImageFiles(decodeImage(row));
+        removeFilesAfterCommit(imageFiles(RowDecoding::decodeImage(row)));
     }
     // The schema's cascades take images, comments, activity and tag links along.
     db_->execute("DELETE FROM captures WHERE id = ?;", {SQLValue(id)});

@@ -2,6 +2,7 @@
 // once, and a hash that differs from the stored one clears the local file's
 // path, which is what asks the download step for the new file.
 #include "core/store/capture_store.h"
+#include "core/store/row_decoding.h"
 #include "core/sync/content_hash.h"
 #include "core/sync/remote_apply.h"
 #include "core/sync/wire.h"
@@ -36,7 +37,7 @@ std::int64_t integerAt(const Json& object, const char* key) { return Wire::integ
 std::optional<CaptureImage> CaptureStore::rawImage(const std::string& id) {
     const std::vector<Row> rows = db_->query("SELECT * FROM capture_images WHERE id = ?;", {SQLValue(id)});
     if (rows.empty()) return std::nullopt;
-    return decodeImage(rows.front());
+    return RowDecoding::decodeImage(rows.front());
 }
 
 void CaptureStore::applyRemoteImage(const Json& object) {
@@ -73,7 +74,7 @@ void CaptureStore::applyRemoteImage(const Json& object) {
             const std::set<std::string> pending = RemoteApply::protectedFields(rows.front());
             // A waiting local tombstone wins, and nothing is written.
             if (pending.count("delete")) return;
-            const CaptureImage stored = decodeImage(rows.front());
+            const CaptureImage stored = RowDecoding::decodeImage(rows.front());
             Assignments update;
             update.add("version", SQLValue(version));
             update.add("original_sha256", SQLValue::string(hashes->original));
@@ -107,7 +108,7 @@ void CaptureStore::applyRemoteImage(const Json& object) {
 void CaptureStore::dropImage(const std::string& id) {
     const std::optional<CaptureImage> target = rawImage(id);
     if (!target) return;
-    removeImageFiles(*target);
+    removeFilesAfterCommit(imageFiles(*target));
     db_->execute("DELETE FROM capture_images WHERE id = ?;", {SQLValue(id)});
     refreshCover(target->captureID);
 }

@@ -3,6 +3,7 @@
 // workspaces. What matters here is whom a line is shown as coming from.
 #include "core/platform/text.h"
 #include "core/store/capture_store.h"
+#include "core/store/row_decoding.h"
 #include "core/sync/remote_apply.h"
 #include "core/sync/wire.h"
 
@@ -117,7 +118,7 @@ std::optional<std::string> CaptureStore::personName(const std::string& id) {
 std::vector<Person> CaptureStore::people() {
     std::vector<Person> result;
     for (const Row& row : db_->query("SELECT * FROM people ORDER BY kind, name COLLATE NOCASE;")) {
-        result.push_back(decodePerson(row));
+        result.push_back(RowDecoding::decodePerson(row));
     }
     return result;
 }
@@ -125,7 +126,7 @@ std::vector<Person> CaptureStore::people() {
 std::optional<Person> CaptureStore::person(const std::string& id) {
     const std::vector<Row> rows = db_->query("SELECT * FROM people WHERE id = ?;", {SQLValue(id)});
     if (rows.empty()) return std::nullopt;
-    return decodePerson(rows.front());
+    return RowDecoding::decodePerson(rows.front());
 }
 
 std::vector<Person> CaptureStore::assignableCandidates() {
@@ -153,7 +154,7 @@ void CaptureStore::replaceWorkspaces(const std::vector<Workspace>& list) {
 std::vector<Workspace> CaptureStore::workspaces() {
     std::vector<Workspace> result;
     for (const Row& row : db_->query("SELECT * FROM workspaces ORDER BY name COLLATE NOCASE;")) {
-        result.push_back(decodeWorkspace(row));
+        result.push_back(RowDecoding::decodeWorkspace(row));
     }
     return result;
 }

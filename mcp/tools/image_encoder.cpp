@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "core/image/image.h"
+#include "core/platform/file_descriptor.h"
 #include "mcp/server/log.h"
 
 namespace mirel::ImageEncoder {
@@ -26,7 +27,11 @@ std::optional<Image> downscale(const Image& image, int maxEdge) {
 std::optional<std::string> encode(const std::filesystem::path& url, int maxEdge) {
     std::optional<std::vector<std::uint8_t>> png;
     {
-        std::optional<Image> image = ImageCodec::decodeFile(url);
+        std::optional<Image> image;
+        try {
+            image = ImageCodec::decode(readRegularFile(url, ImageCodec::maxFileBytes));
+        } catch (const FileReadError&) {
+        }
         if (!image) {
             logLine("could not read image at " + url.string());
             return std::nullopt;

@@ -36,6 +36,13 @@ struct Tool {
 
     Json definition;  // name, description, inputSchema
     Handler run;
+    // A tool that writes runs in one transaction: whole, or not at all.
+    bool writes = false;
+
+    Tool writing() && {
+        writes = true;
+        return std::move(*this);
+    }
 
     // An entry whose schema is an object of `properties`, with `required`
     // where given, and no further properties.

@@ -10,6 +10,12 @@ namespace mirel {
 
 namespace {
 
+// Carries a failed result out of the transaction, so that what the tool wrote
+// before it failed is undone: a failure reply means nothing changed.
+struct FailedCall {
+    ToolResult result;
+};
+
 // Every tool, in catalogue order.
 const std::vector<Tool>& tools() {
     static const std::vector<Tool> all = [] {
@@ -35,8 +41,19 @@ const Json& ToolRegistry::definitions() {
 ToolResult ToolRegistry::call(const std::string& name, const Json& arguments) {
     const ToolContext context{store_, defaultAgent_};
     try {
-        for (const auto& tool : tools())
-            if (tool.definition.at("name") == name) return tool.run(context, arguments);
+        for (const auto& tool : tools()) {
+            if (tool.definition.at("name") != name) continue;
+            if (!tool.writes) return tool.run(context, arguments);
+            try {
+                return store_.transaction([&] {
+                    ToolResult result = tool.run(context, arguments);
+                    if (result.isError) throw FailedCall{std::move(result)};
+                    return result;
+                });
+            } catch (FailedCall& failed) {
+                return std::move(failed.result);
+            }
+        }
         return ToolResult::failure("Unknown tool: " + name);
     } catch (const DatabaseError& error) {
         logLine("tool " + name + " failed: " + error.plainRendering());

@@ -12,21 +12,6 @@ using ToolSchema::property;
 
 const std::string arrow = " \u2192 ";
 
-CaptureGroup newGroup(const std::string& name) {
-    const Date now = Clock::now();
-    CaptureGroup group;
-    group.id = newID();
-    group.name = name;
-    group.colorHex = "#6E7BF2";
-    group.createdAt = now;
-    group.updatedAt = now;
-    group.syncState = SyncState::local;
-    group.dirty = false;
-    group.visibility = GroupVisibility::private_;
-    group.version = 0;
-    return group;
-}
-
 ToolResult updateCapture(const ToolContext& context, const Json& arguments) {
     auto found = context.findCapture(arguments);
     if (auto* problem = std::get_if<ToolResult>(&found)) return std::move(*problem);
@@ -47,12 +32,10 @@ ToolResult updateCapture(const ToolContext& context, const Json& arguments) {
         }
     }
     if (const auto name = ToolArguments::nonEmptyText(arguments, "group")) {
-        auto group = store.groupNamed(*name, std::nullopt);
-        // Created here, and kept whatever happens later in this call.
-        if (!group) group = store.upsertGroup(newGroup(*name));
-        if (updated.groupID != group->id) {
-            updated.groupID = group->id;
-            changes.push_back("group" + arrow + group->name);
+        const CaptureGroup group = store.findOrCreateGroup(*name, std::nullopt);
+        if (updated.groupID != group.id) {
+            updated.groupID = group.id;
+            changes.push_back("group" + arrow + group.name);
         }
     }
     if (const auto word = ToolArguments::text(arguments, "status")) {
@@ -75,7 +58,7 @@ ToolResult updateCapture(const ToolContext& context, const Json& arguments) {
         return ToolResult::text("Nothing to change on [" + Format::idPrefix(updated.id) +
                                 "] \u2014 the values already match.");
     const std::string list = join(changes, ", ");
-    store.recordActivity(updated.id, "updated", list, who, newID(), Clock::now(), std::nullopt, false);
+    store.recordActivity({.captureID = updated.id, .kind = ActivityKind::updated, .detail = list, .actor = who});
     return ToolResult::text("Updated [" + Format::idPrefix(updated.id) + "]: " + list + ".");
 }
 
@@ -95,7 +78,7 @@ std::vector<Tool> updateCaptureTools() {
             {"tags", property("array", "Replaces the existing tag set.", ToolSchema::stringItems())},
             {"agent", property("string")},
         },
-        {"id"}, updateCapture)};
+        {"id"}, updateCapture).writing()};
 }
 
 }  // namespace mirel

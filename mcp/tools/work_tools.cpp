@@ -48,7 +48,7 @@ ToolResult commentOnCapture(const ToolContext& context, const Json& arguments) {
     const auto& capture = std::get<Capture>(found);
     const std::string who = context.actor(arguments);
     context.store.addComment(agentComment(capture.id, who, body));
-    context.store.recordActivity(capture.id, "commented", "", who, newID(), Clock::now(), std::nullopt, false);
+    context.store.recordActivity({.captureID = capture.id, .kind = ActivityKind::commented, .actor = who});
     return ToolResult::text("Comment added to [" + idPrefix(capture.id) + "] " + quoted(capture.title()) + " as " +
                             who + ".");
 }
@@ -93,14 +93,14 @@ std::vector<Tool> workTools() {
                    {id,
                     {"agent",
                      property("string", "Name to claim as. Defaults to this server's configured agent name.")}},
-                   {"id"}, claimCapture),
+                   {"id"}, claimCapture).writing(),
         Tool::make("comment_on_capture",
                    "Add a note to a capture — your diagnosis, the root cause, what you changed, or a question for "
                    "the user. Comments show up in the dashboard attributed to you.",
                    {id,
                     {"body", property("string", "The comment text.")},
                     {"agent", property("string", "Author name. Defaults to this server's configured agent name.")}},
-                   {"id", "body"}, commentOnCapture),
+                   {"id", "body"}, commentOnCapture).writing(),
         Tool::make("resolve_capture",
                    "Mark a capture fixed. Optionally record what fixed it — a commit sha, a PR link, or a short "
                    "explanation — which is shown on the card in the dashboard.",
@@ -109,12 +109,12 @@ std::vector<Tool> workTools() {
                     {"comment", property("string", "Optional comment posted alongside the resolution.")},
                     {"agent",
                      property("string", "Who resolved it. Defaults to this server's configured agent name.")}},
-                   {"id"}, resolveCapture),
+                   {"id"}, resolveCapture).writing(),
         Tool::make("reopen_capture",
                    "Move a resolved or archived capture back to open, e.g. when a fix did not hold.",
                    {id, {"comment", property("string", "Optional reason, posted as a comment.")},
                     {"agent", property("string")}},
-                   {"id"}, reopenCapture),
+                   {"id"}, reopenCapture).writing(),
     };
 }
 

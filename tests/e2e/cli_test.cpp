@@ -1,11 +1,13 @@
 // The `mirel` command line, driven as a child process against a temporary
 // library and read back through the built mirel-mcp, as an agent would see it.
 #include "core/annotation/annotation.h"
+#include "core/platform/file_descriptor.h"
 #include "core/platform/text.h"
 #include "core/store/capture_store.h"
 #include "core/store/mirel_paths.h"
 #include "tests/support/image_files.h"
 #include "tests/support/mcp_process.h"
+#include "tests/support/store_access.h"
 #include "tests/support/store_probe.h"
 #include "tests/support/temp_library.h"
 
@@ -113,7 +115,7 @@ protected:
                 if (entry.is_regular_file()) s.files.insert(fs::relative(entry.path(), library_.home()).string());
             }
         }
-        Database& db = store.database();
+        Database& db = CaptureStoreTestAccess::database(store);
         s.captures = countRows(db, "SELECT COUNT(*) FROM captures;");
         s.images = countRows(db, "SELECT COUNT(*) FROM capture_images;");
         s.groups = countRows(db, "SELECT COUNT(*) FROM groups;");
@@ -248,7 +250,7 @@ TEST_F(CliTest, AnnotationIsBurnedIntoAMarkedUpCopyOfTheFirstImage) {
     EXPECT_TRUE(images[0].hasAnnotations());
     EXPECT_EQ(images[0].annotation(), Annotation::decode(shapes));
     EXPECT_EQ(readBytes(images[0].originalURL()), readBytes(shot));  // the original stays untouched
-    const auto marked = ImageCodec::decodeFile(images[0].displayURL());
+    const auto marked = ImageCodec::decode(readRegularFile(images[0].displayURL(), ImageCodec::maxFileBytes));
     ASSERT_TRUE(marked);
     EXPECT_EQ(marked->width, 200);
     // The rectangle's edge at 10% of the width is drawn in blue over the red quadrant.
@@ -280,7 +282,7 @@ TEST_P(FailingAddTest, LeavesTheLibraryUnchanged) {
     add({"good.png", "--note", "Already here", "--group", "Existing", "--tag", "old"});
     if (c.trigger) {
         CaptureStore store(library_.databasePath());
-        store.database().executeRaw(c.trigger);
+        CaptureStoreTestAccess::database(store).executeRaw(c.trigger);
     }
 
     const LibraryState before = state();

@@ -3,6 +3,7 @@
 #include "core/store/capture_store.h"
 #include "tests/support/mcp_process.h"
 #include "tests/support/seed.h"
+#include "tests/support/store_access.h"
 #include "tests/support/temp_library.h"
 
 #include <gtest/gtest.h>
@@ -155,7 +156,7 @@ TEST(Startup, MirelAgentIsTrimmedOfBlanks) {
         const Capture capture = makeCapture("Button is clipped");
         {
             CaptureStore store(library.databasePath());
-            seedCaptureRow(store.database(), capture);
+            seedCaptureRow(CaptureStoreTestAccess::database(store), capture);
         }
         McpProcess server(library.home(), {{"MIREL_AGENT", value}});
         const Json result = server.callTool("claim_capture", Json{{"id", capture.id.substr(0, 8)}});

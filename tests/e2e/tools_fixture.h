@@ -11,6 +11,7 @@
 #include "tests/support/image_files.h"
 #include "tests/support/mcp_process.h"
 #include "tests/support/seed.h"
+#include "tests/support/store_access.h"
 #include "tests/support/temp_library.h"
 
 #include <gtest/gtest.h>
@@ -42,7 +43,7 @@ class ToolsTest : public ::testing::Test {
 protected:
     ToolsTest() : store_(std::make_unique<CaptureStore>(library_.databasePath())) {}
 
-    Database& db() { return store_->database(); }
+    Database& db() { return CaptureStoreTestAccess::database(*store_); }
     CaptureStore& store() { return *store_; }
 
     McpProcess& server() {

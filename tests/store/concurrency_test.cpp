@@ -2,6 +2,7 @@
 // busy time-out must absorb the contention, and the library stay whole.
 #include "core/store/capture_store.h"
 #include "tests/support/seed.h"
+#include "tests/support/store_access.h"
 #include "tests/support/store_probe.h"
 #include "tests/support/temp_library.h"
 
@@ -47,7 +48,7 @@ protected:
     }
 
     void expectWholeLibrary(CaptureStore& store, int writers) {
-        Database& db = store.database();
+        Database& db = CaptureStoreTestAccess::database(store);
         EXPECT_EQ(db.query("PRAGMA integrity_check;").front().string("integrity_check"), "ok");
         EXPECT_EQ(test::countRows(db, "SELECT COUNT(*) AS n FROM captures;"), 1 + writers * kRounds);
         EXPECT_EQ(test::countRows(db, "SELECT COUNT(*) AS n FROM captures WHERE status = 'resolved';"),

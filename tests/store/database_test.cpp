@@ -221,21 +221,47 @@ TEST_F(DatabaseTest, FailedBodyLeavesNoTraceAndItsErrorReachesTheCaller) {
                  BodyFailed);
     EXPECT_EQ(count(), 0);
 
-    // Transactions do not nest: the inner BEGIN fails and the outer one rolls back.
-    try {
-        db.transaction([&] {
-            db.execute("INSERT INTO t (x) VALUES (1)");
-            db.transaction([&] { db.execute("INSERT INTO t (x) VALUES (2)"); });
-        });
-        FAIL() << "no error";
-    } catch (const DatabaseError& error) {
-        EXPECT_EQ(error.sql(), "BEGIN IMMEDIATE TRANSACTION;");
-    }
-    EXPECT_EQ(count(), 0);
-
     // The connection is usable afterwards.
     db.transaction([&] { db.execute("INSERT INTO t (x) VALUES (3)"); });
     EXPECT_EQ(count(), 1);
+}
+
+TEST_F(DatabaseTest, TransactionsNestAndActionsWaitForTheOutermostCommit) {
+    auto xs = [&] { return db.query("SELECT group_concat(x) AS xs FROM t ORDER BY id")[0].string("xs"); };
+    std::vector<std::string> ran;
+    db.transaction([&] {
+        db.execute("INSERT INTO t (x) VALUES (1)");
+        db.afterCommit([&] { ran.push_back("outer"); });
+        // A failing inner level takes only its own writes and actions with it.
+        EXPECT_THROW(db.transaction([&] {
+            db.execute("INSERT INTO t (x) VALUES (2)");
+            db.afterCommit([&] { ran.push_back("failed"); });
+            throw BodyFailed();
+        }),
+                     BodyFailed);
+        db.transaction([&] {
+            db.execute("INSERT INTO t (x) VALUES (3)");
+            db.afterCommit([&] { ran.push_back("inner"); });
+        });
+        EXPECT_THROW(db.transaction([] { throw BodyFailed(); }), BodyFailed);
+        EXPECT_TRUE(ran.empty());
+    });
+    EXPECT_EQ(xs(), "1,3");
+    EXPECT_EQ(ran, (std::vector<std::string>{"outer", "inner"}));
+    EXPECT_FALSE(db.inTransaction());
+
+    // An outer failure undoes inner levels that had succeeded, and their actions.
+    EXPECT_THROW(db.transaction([&] {
+        db.transaction([&] {
+            db.execute("INSERT INTO t (x) VALUES (4)");
+            db.afterCommit([&] { ran.push_back("undone"); });
+        });
+        throw BodyFailed();
+    }),
+                 BodyFailed);
+    EXPECT_EQ(xs(), "1,3");
+    db.afterCommit([&] { ran.push_back("now"); });
+    EXPECT_EQ(ran, (std::vector<std::string>{"outer", "inner", "now"}));
 }
 
 TEST_F(DatabaseTest, FailedCommitRollsBack) {

@@ -2,6 +2,7 @@
 // upsertGroup, and archiving versus deleting.
 #include "core/store/capture_store.h"
 #include "tests/support/seed.h"
+#include "tests/support/store_access.h"
 #include "tests/support/store_probe.h"
 #include "tests/support/temp_library.h"
 
@@ -19,7 +20,7 @@ class GroupsTest : public ::testing::Test {
 protected:
     void SetUp() override { Clock::pin(kNow); }
     void TearDown() override { Clock::pin(std::nullopt); }
-    Database& db() { return store.database(); }
+    Database& db() { return CaptureStoreTestAccess::database(store); }
 
     CaptureGroup seed(const std::string& name, std::optional<std::string> workspace = {},
                       std::optional<std::string> path = {}) {

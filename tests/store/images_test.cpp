@@ -2,6 +2,7 @@
 // ledger marks each operation leaves.
 #include "core/store/capture_store.h"
 #include "tests/support/seed.h"
+#include "tests/support/store_access.h"
 #include "tests/support/store_probe.h"
 #include "tests/support/temp_library.h"
 
@@ -27,7 +28,7 @@ protected:
         test::seedCaptureRow(db(), capture);
     }
     void TearDown() override { Clock::pin(std::nullopt); }
-    Database& db() { return store.database(); }
+    Database& db() { return CaptureStoreTestAccess::database(store); }
 
     // Images at the given positions, created in order, each as it stands after a sync.
     std::vector<CaptureImage> seedImages(std::initializer_list<std::int64_t> positions,

@@ -2,6 +2,7 @@
 // merging of field names, and clearing after the server's acknowledgement.
 #include "core/store/capture_store.h"
 #include "tests/support/seed.h"
+#include "tests/support/store_access.h"
 #include "tests/support/store_probe.h"
 #include "tests/support/temp_library.h"
 
@@ -16,7 +17,7 @@ using Fields = std::set<std::string>;
 
 class LedgerTest : public ::testing::Test {
 protected:
-    Database& db() { return store.database(); }
+    Database& db() { return CaptureStoreTestAccess::database(store); }
 
     Capture seedCapture(std::optional<std::string> workspace, bool localOnly = false, Date at = test::kSeedDate) {
         Capture c = makeCapture("note", at);

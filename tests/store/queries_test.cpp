@@ -1,5 +1,6 @@
 #include "core/store/capture_store.h"
 #include "tests/support/seed.h"
+#include "tests/support/store_access.h"
 #include "tests/support/temp_library.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +20,7 @@ class CaptureQueriesTest : public ::testing::Test {
 protected:
     test::TempLibrary library;
     CaptureStore store{library.databasePath()};
-    Database& db() { return store.database(); }
+    Database& db() { return CaptureStoreTestAccess::database(store); }
 
     Capture seed(const std::string& note, Date createdAt = test::kSeedDate,
                  std::optional<std::string> id = {}) {

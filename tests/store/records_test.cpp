@@ -1,5 +1,6 @@
 #include "core/store/capture_store.h"
 #include "core/store/records.h"
+#include "core/store/row_decoding.h"
 
 #include <gtest/gtest.h>
 
@@ -134,7 +135,7 @@ Row rowOf(std::initializer_list<std::pair<const std::string, SQLValue>> values) 
 TEST(RowDecodingTest, EmptyRowTakesEveryFallback) {
     Clock::pin(1234.5);
     const Row empty;
-    const Capture c = CaptureStore::decodeCapture(empty);
+    const Capture c = RowDecoding::decodeCapture(empty);
     EXPECT_EQ(c.id.size(), 36u);
     EXPECT_EQ(c.createdAt, 1234.5);
     EXPECT_EQ(c.updatedAt, 1234.5);
@@ -146,32 +147,32 @@ TEST(RowDecodingTest, EmptyRowTakesEveryFallback) {
     EXPECT_FALSE(c.dirty);
     EXPECT_FALSE(c.deletedAt);
     // A fresh id at each reading.
-    EXPECT_NE(CaptureStore::decodeCapture(empty).id, c.id);
+    EXPECT_NE(RowDecoding::decodeCapture(empty).id, c.id);
 
-    const CaptureGroup g = CaptureStore::decodeGroup(empty);
+    const CaptureGroup g = RowDecoding::decodeGroup(empty);
     EXPECT_EQ(g.name, "Untitled");
     EXPECT_EQ(g.colorHex, "#6E7BF2");
     EXPECT_EQ(g.visibility, GroupVisibility::private_);
     EXPECT_EQ(g.createdAt, 1234.5);
 
-    const Comment k = CaptureStore::decodeComment(empty);
+    const Comment k = RowDecoding::decodeComment(empty);
     EXPECT_EQ(k.author, "unknown");
     EXPECT_EQ(k.kind, "comment");
     EXPECT_EQ(k.captureID, "");
 
-    const ActivityEvent e = CaptureStore::decodeActivity(empty);
+    const ActivityEvent e = RowDecoding::decodeActivity(empty);
     EXPECT_EQ(e.actor, "you");
     EXPECT_EQ(e.captureID, std::nullopt);
 
-    const Person p = CaptureStore::decodePerson(empty);
+    const Person p = RowDecoding::decodePerson(empty);
     EXPECT_EQ(p.id, "");  // people keep an empty id, no fresh one
     EXPECT_EQ(p.name, "Someone");
     EXPECT_EQ(p.kind, "person");
 
-    const Workspace w = CaptureStore::decodeWorkspace(empty);
+    const Workspace w = RowDecoding::decodeWorkspace(empty);
     EXPECT_EQ(w.role, "member");
 
-    const CaptureImage i = CaptureStore::decodeImage(empty);
+    const CaptureImage i = RowDecoding::decodeImage(empty);
     EXPECT_EQ(i.id.size(), 36u);
     EXPECT_EQ(i.position, 0);
     EXPECT_EQ(i.annotationJSON, std::nullopt);
@@ -196,7 +197,7 @@ TEST(RowDecodingTest, BadDataFallsBackFieldByField) {
         {"local_only", "yes"},             // text is no boolean
     });
     Clock::pin(99.0);
-    const Capture c = CaptureStore::decodeCapture(row);
+    const Capture c = RowDecoding::decodeCapture(row);
     Clock::pin(std::nullopt);
     EXPECT_EQ(c.id, "c1");
     EXPECT_EQ(c.status, CaptureStatus::open);
@@ -213,9 +214,9 @@ TEST(RowDecodingTest, BadDataFallsBackFieldByField) {
     EXPECT_TRUE(c.dirty);
     EXPECT_FALSE(c.localOnly);
 
-    const CaptureGroup g = CaptureStore::decodeGroup(rowOf({{"visibility", "public"}}));
+    const CaptureGroup g = RowDecoding::decodeGroup(rowOf({{"visibility", "public"}}));
     EXPECT_EQ(g.visibility, GroupVisibility::private_);
-    EXPECT_EQ(CaptureStore::decodeGroup(rowOf({{"visibility", "workspace"}})).visibility,
+    EXPECT_EQ(RowDecoding::decodeGroup(rowOf({{"visibility", "workspace"}})).visibility,
               GroupVisibility::workspace);
 }
 

@@ -1,6 +1,7 @@
 // Tags, comments and history lines on a capture.
 #include "core/store/capture_store.h"
 #include "tests/support/seed.h"
+#include "tests/support/store_access.h"
 #include "tests/support/store_probe.h"
 #include "tests/support/temp_library.h"
 
@@ -19,7 +20,7 @@ class TagsCommentsTest : public ::testing::Test {
 protected:
     void SetUp() override { Clock::pin(kNow); }
     void TearDown() override { Clock::pin(std::nullopt); }
-    Database& db() { return store.database(); }
+    Database& db() { return CaptureStoreTestAccess::database(store); }
 
     Capture seed(std::optional<std::string> workspace = {}, bool localOnly = false) {
         Capture c = makeCapture();

@@ -4,6 +4,7 @@
 #include "core/store/mirel_paths.h"
 #include "tests/support/dbus_session.h"
 #include "tests/support/seed.h"
+#include "tests/support/store_access.h"
 #include "tests/support/store_probe.h"
 #include "tests/support/temp_library.h"
 
@@ -25,7 +26,7 @@ class WritesTest : public ::testing::Test {
 protected:
     void SetUp() override { Clock::pin(kNow); }
     void TearDown() override { Clock::pin(std::nullopt); }
-    Database& db() { return store.database(); }
+    Database& db() { return CaptureStoreTestAccess::database(store); }
 
     // A capture of workspace "ws-1" as it stands after a sync: nothing waiting.
     Capture seedShared(const std::string& note = "note") {
@@ -474,11 +475,11 @@ protected:
     void SetUp() override {
         capture = test::makeCapture();
         capture.workspaceID = "ws-1";
-        test::seedCaptureRow(store.database(), capture);
+        test::seedCaptureRow(CaptureStoreTestAccess::database(store), capture);
         image = test::makeImage(capture.id);
-        test::seedImageRow(store.database(), image);
+        test::seedImageRow(CaptureStoreTestAccess::database(store), image);
         group = test::makeGroup("Group");
-        test::seedGroupRow(store.database(), group);
+        test::seedGroupRow(CaptureStoreTestAccess::database(store), group);
         listener = std::make_unique<test::ChangeSignalListener>();
     }
 

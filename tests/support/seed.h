@@ -9,9 +9,9 @@
 //     CaptureStore store(library.databasePath());
 //     auto c = makeCapture("Button is clipped\nOn the settings page");
 //     c.priority = CapturePriority::high;
-//     seedCaptureRow(store.database(), c);
-//     seedTag(store.database(), c.id, "ui");
-//     seedComment(store.database(), makeComment(c.id, "Looking at it"));
+//     seedCaptureRow(CaptureStoreTestAccess::database(store), c);
+//     seedTag(CaptureStoreTestAccess::database(store), c.id, "ui");
+//     seedComment(CaptureStoreTestAccess::database(store), makeComment(c.id, "Looking at it"));
 #include "core/store/database.h"
 #include "core/store/records.h"
 

@@ -2,6 +2,7 @@
 // A library on disk with verbs for the sync side's tests: shared rows seeded
 // in a chosen ledger state, remote objects written as JSON text.
 #include "core/store/capture_store.h"
+#include "tests/support/store_access.h"
 #include "tests/support/seed.h"
 #include "tests/support/store_probe.h"
 #include "tests/support/temp_library.h"
@@ -17,7 +18,7 @@ protected:
     TempLibrary library;
     CaptureStore store{library.databasePath()};
 
-    Database& db() { return store.database(); }
+    Database& db() { return CaptureStoreTestAccess::database(store); }
 
     static Json object(const std::string& jsonText) { return *parseJSON(jsonText); }
 

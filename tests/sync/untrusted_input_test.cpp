@@ -4,6 +4,7 @@
 #include "tests/sync/sync_fixture.h"
 
 #include "core/store/mirel_paths.h"
+#include "core/store/row_decoding.h"
 #include "core/sync/content_hash.h"
 
 #include <cstdlib>
@@ -140,7 +141,7 @@ TEST_F(UntrustedInput, RandomObjectsApplyOrAreSkippedAndNeverNameAFileOutside) {
     // Every image row and everything offered for download can only name files
     // inside the library's folders, and only blobs by digest.
     for (const Row& row : db().query("SELECT * FROM capture_images;")) {
-        const CaptureImage stored = CaptureStore::decodeImage(row);
+        const CaptureImage stored = RowDecoding::decodeImage(row);
         EXPECT_TRUE(stored.imagePath.empty() || stored.imagePath == image.imagePath) << stored.imagePath;
         for (const char* suffix : {"", "-marked"}) {
             expectInside(MirelPaths::capturesRoot(),

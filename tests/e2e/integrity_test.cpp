@@ -1,0 +1,251 @@
+// The library shared by several processes at once: no acknowledged write is
+// lost, first starts race safely, odd files never block a reply, and a killed
+// `mirel add` leaves nothing that `mirel doctor --fix` does not clear.
+#include "core/store/capture_store.h"
+#include "core/store/mirel_paths.h"
+#include "tests/support/image_files.h"
+#include "tests/support/mcp_process.h"
+#include "tests/support/seed.h"
+#include "tests/support/store_access.h"
+#include "tests/support/temp_library.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <thread>
+
+extern char** environ;
+
+namespace mirel::test {
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+// Starts the built `mirel` on the library at `home`, its output in `output`.
+pid_t startMirel(const fs::path& home, std::vector<std::string> arguments, const fs::path& output = "/dev/null") {
+    arguments.insert(arguments.begin(), MIREL_HOST_BINARY);
+    std::vector<std::string> env = {"MIREL_HOME=" + home.string(), "PATH=/usr/bin:/bin"};
+    std::vector<char*> argv, envp;
+    for (auto& a : arguments) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    for (auto& e : env) envp.push_back(e.data());
+    envp.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) throw std::runtime_error("cannot start mirel");
+    return pid;
+}
+
+int exitStatus(pid_t pid) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::string readText(const fs::path& file) {
+    std::ifstream in(file);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+TEST(Integrity, TwoServersOnOneCaptureLoseNoAcknowledgedWrite) {
+    TempLibrary library;
+    Capture seeded = makeCapture("start", kSeedDate, false);
+    CaptureStore store(library.databasePath());
+    store.insert(seeded);
+    const std::string id = seeded.id;
+
+    McpProcess editor(library.home()), worker(library.home());
+    std::atomic<bool> stop{false};
+    std::atomic<int> workerCalls{0};
+    std::thread claiming([&] {
+        while (!stop) {
+            worker.callTool("claim_capture", {{"id", id}});
+            worker.callTool("reopen_capture", {{"id", id}});
+            workerCalls += 2;
+        }
+    });
+
+    int acknowledged = 0, reverted = 0;
+    const auto end = Clock::now() + std::chrono::seconds(5);
+    for (int i = 0; Clock::now() < end; ++i) {
+        const std::string note = "note " + std::to_string(i);
+        const Json reply = editor.callTool("update_capture", {{"id", id}, {"note", note}});
+        if (McpProcess::text(reply).rfind("Updated [", 0) != 0) continue;
+        ++acknowledged;
+        // Read back at once, and again once the other process has finished
+        // any write it had under way.
+        const int seen = workerCalls;
+        bool kept = store.capture(id)->note == note;
+        const auto wait = Clock::now() + std::chrono::seconds(2);
+        while (workerCalls < seen + 2 && Clock::now() < wait) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        kept = kept && store.capture(id)->note == note;
+        if (!kept) ++reverted;
+    }
+    stop = true;
+    claiming.join();
+    std::cout << "[ figures ] " << acknowledged << " acknowledged updates, " << reverted << " reverted, "
+              << workerCalls << " claims and reopens\n";
+    EXPECT_GT(acknowledged, 20);
+    EXPECT_GT(workerCalls, 20);
+    EXPECT_EQ(reverted, 0);
+    // Each acknowledged update left its history line.
+    int updates = 0;
+    for (const ActivityEvent& event : store.activity(id)) updates += event.kind == "updated";
+    EXPECT_EQ(updates, acknowledged);
+}
+
+TEST(Integrity, ServersAndAnAddStartingTogetherOnAnEmptyFolderAllSucceed) {
+    TempLibrary library;
+    constexpr int trials = 5;
+    int failures = 0;
+    for (int trial = 0; trial < trials; ++trial) {
+        const fs::path home = library.home() / ("trial-" + std::to_string(trial));
+        const pid_t add = startMirel(home, {"add", "--note", "first"});
+        std::vector<std::unique_ptr<McpProcess>> servers;
+        for (int i = 0; i < 4; ++i) servers.push_back(std::make_unique<McpProcess>(home));
+        for (auto& server : servers) failures += server->request("ping")["result"] != Json::object();
+        failures += exitStatus(add) != 0;
+        Database db(home / "mirel.sqlite");
+        EXPECT_EQ(db.query("PRAGMA user_version")[0].intValue("user_version"), 5);
+        EXPECT_TRUE(db.query("SELECT name FROM sqlite_master WHERE name = 'projects'").empty());
+        EXPECT_EQ(db.query("SELECT count(*) AS n FROM captures")[0].intValue("n"), 1);
+    }
+    std::cout << "[ figures ] " << failures << " of " << trials * 5 << " processes failed\n";
+    EXPECT_EQ(failures, 0);
+}
+
+TEST(Integrity, OddScreenshotFilesAreAnsweredAsMissingAtOnce) {
+    TempLibrary library;
+    CaptureStore store(library.databasePath());
+    (void)MirelPaths::ensureDirectories();
+    const fs::path fifo = MirelPaths::capturesRoot() / "fifo.png";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    writeImageFile(library.home() / "outside.png", 40, 30, ImageFileFormat::png);
+    // A named pipe, an absolute path and one that climbs out of the library.
+    for (const std::string& stored : {std::string("fifo.png"), (library.home() / "outside.png").string(),
+                                     std::string("../outside.png")}) {
+        Capture capture = makeCapture("Odd file");
+        capture.imagePath = stored;
+        seedCaptureRow(CaptureStoreTestAccess::database(store), capture);
+        CaptureImage image = makeImage(capture.id);
+        image.imagePath = stored;
+        image.thumbPath.reset();
+        seedImageRow(CaptureStoreTestAccess::database(store), image);
+    }
+    McpProcess server(library.home());
+    for (const Capture& capture : store.captures({})) {
+        SCOPED_TRACE(capture.imagePath);
+        const auto started = Clock::now();
+        const Json reply = server.callTool("get_capture", {{"ids", Json::array({capture.id})}});
+        EXPECT_NE(McpProcess::text(reply).find("A screenshot file is missing at"), std::string::npos);
+        const Json resource = server.request("resources/read", {{"uri", "mirel://capture/" + capture.id}});
+        EXPECT_TRUE(resource.contains("result"));
+        EXPECT_LT(Clock::now() - started, std::chrono::seconds(1));
+        for (const Json& block : reply["content"]) EXPECT_NE(block["type"], "image");
+    }
+    EXPECT_EQ(server.request("ping")["result"], Json::object());
+}
+
+TEST(Integrity, AFailedToolCallChangesNothing) {
+    TempLibrary library;
+    CaptureStore store(library.databasePath());
+    Capture shared = makeCapture("Shared", kSeedDate, false);
+    shared.workspaceID = "ws-1";
+    seedCaptureRow(CaptureStoreTestAccess::database(store), shared);
+    // The ledger cannot merge into malformed JSON: the write fails midway.
+    CaptureStoreTestAccess::database(store).execute("UPDATE captures SET pending = '{bad' WHERE id = ?",
+                                                    {SQLValue(shared.id)});
+    McpProcess server(library.home());
+    const Json reply = server.callTool("resolve_capture", {{"id", shared.id}, {"reference", "abc"}});
+    EXPECT_EQ(reply["isError"], true);
+    const Capture after = *store.capture(shared.id);
+    EXPECT_EQ(after.status, CaptureStatus::open);
+    EXPECT_FALSE(after.resolutionRef);
+    EXPECT_TRUE(store.activity(shared.id).empty());
+}
+
+TEST(Integrity, AddRefusesAnythingButARegularFileAtOnce) {
+    TempLibrary library;
+    const fs::path fifo = library.home() / "pipe.png";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::vector<std::vector<std::string>> cases = {
+        {"add", fifo.string()},
+        {"add", "/dev/zero"},
+        {"add", "--note-file", "/dev/zero"},
+        {"add", "--note-file", fifo.string()},
+    };
+    for (const auto& arguments : cases) {
+        SCOPED_TRACE(arguments.back());
+        const auto started = Clock::now();
+        EXPECT_EQ(exitStatus(startMirel(library.home(), arguments)), 1);
+        EXPECT_LT(Clock::now() - started, std::chrono::seconds(1));
+    }
+    CaptureStore store(library.databasePath());
+    EXPECT_TRUE(store.captures({}).empty());
+}
+
+TEST(Integrity, KilledAddsLeaveNothingThatDoctorFixDoesNotClear) {
+    TempLibrary library;
+    std::vector<std::string> arguments = {"add", "--note", "Killed", "--group", "Group", "--tag", "t"};
+    for (int i = 0; i < 3; ++i) {
+        const fs::path shot = library.home() / ("shot" + std::to_string(i) + ".png");
+        writeImageFile(shot, 1200, 800, ImageFileFormat::png);
+        arguments.push_back(shot.string());
+    }
+    // How long one whole filing takes: the kills fall anywhere within it.
+    const auto started = Clock::now();
+    ASSERT_EQ(exitStatus(startMirel(library.home(), arguments)), 0);
+    const auto whole = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started);
+
+    std::mt19937 random(20261123);
+    constexpr int kills = 15;
+    for (int i = 0; i < kills; ++i) {
+        arguments[4] = "Group " + std::to_string(i);
+        const pid_t add = startMirel(library.home(), arguments);
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % whole.count()));
+        ::kill(add, SIGKILL);
+        exitStatus(add);
+    }
+
+    const fs::path before = library.home() / "doctor.txt", after = library.home() / "doctor-fix.txt";
+    ASSERT_EQ(exitStatus(startMirel(library.home(), {"doctor"}, before)), 0);
+    ASSERT_EQ(exitStatus(startMirel(library.home(), {"doctor", "--fix"}, after)), 0);
+    std::cout << "[ figures ] " << kills << " kills within " << whole.count() / 1000 << " ms; doctor found:\n"
+              << readText(before);
+
+    CaptureStore store(library.databasePath());
+    const CaptureStore::NamedFiles named = store.namedFiles();
+    for (const auto& [root, names] : {std::pair{MirelPaths::capturesRoot(), named.images},
+                                      std::pair{MirelPaths::thumbsRoot(), named.thumbs}}) {
+        for (const auto& entry : fs::recursive_directory_iterator(root)) {
+            if (entry.is_regular_file()) {
+                EXPECT_TRUE(names.count(entry.path().lexically_relative(root).string())) << entry.path();
+            }
+        }
+    }
+    for (const CaptureImage& image : store.liveImages()) EXPECT_TRUE(fs::exists(image.originalURL()));
+    EXPECT_TRUE(!fs::exists(MirelPaths::temporaryRoot()) || fs::is_empty(MirelPaths::temporaryRoot()));
+    EXPECT_TRUE(store.groupsWithoutCaptures().empty());
+    EXPECT_NE(readText(after).find("Image files without a row"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace mirel::test
