@@ -34,21 +34,21 @@ Format sniff(const std::uint8_t* bytes, std::size_t size) {
     return Format::unknown;
 }
 
-std::optional<Image> decode(const std::uint8_t* bytes, std::size_t size) {
+std::optional<Image> decode(const std::uint8_t* bytes, std::size_t size, int maxEdge) {
     switch (sniff(bytes, size)) {
-        case Format::png: return detail::decodePNG(bytes, size);
-        case Format::jpeg: return detail::decodeJPEG(bytes, size);
-        case Format::webp: return detail::decodeWebP(bytes, size);
+        case Format::png: return detail::decodePNG(bytes, size, maxEdge);
+        case Format::jpeg: return detail::decodeJPEG(bytes, size, maxEdge);
+        case Format::webp: return detail::decodeWebP(bytes, size, maxEdge);
         case Format::unknown: break;
     }
     return std::nullopt;
 }
 
-std::optional<Image> decode(const std::vector<std::uint8_t>& bytes) {
-    return decode(bytes.data(), bytes.size());
+std::optional<Image> decode(const std::vector<std::uint8_t>& bytes, int maxEdge) {
+    return decode(bytes.data(), bytes.size(), maxEdge);
 }
 
-std::optional<Image> decodeFile(const std::filesystem::path& path) {
+std::optional<Image> decodeFile(const std::filesystem::path& path, int maxEdge) {
     std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rb"));
     if (!file) return std::nullopt;
     struct stat info {};
@@ -64,7 +64,7 @@ std::optional<Image> decodeFile(const std::filesystem::path& path) {
     // The file may shrink while it is read; decode what actually arrived.
     const std::size_t got = std::fread(bytes.data(), 1, bytes.size(), file.get());
     if (got == 0) return std::nullopt;
-    return decode(bytes.data(), got);
+    return decode(bytes.data(), got, maxEdge);
 }
 
 std::optional<std::pair<int, int>> dimensions(const std::vector<std::uint8_t>& bytes) {
