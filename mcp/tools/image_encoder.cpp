@@ -1,7 +1,7 @@
 #include "mcp/tools/image_encoder.h"
 
 #include "core/image/image.h"
-#include "mcp/tools/log.h"
+#include "mcp/server/log.h"
 
 namespace mirel::ImageEncoder {
 
