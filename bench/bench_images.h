@@ -435,27 +435,39 @@ inline RowMaker tiled(const Image& tile, int width) {
     };
 }
 
-// A PNG of `width`×`height` written row by row with libpng (compression level
-// 6, adaptive filters), so a 100-megapixel file never exists in memory whole.
-// Straight alpha from premultiplied rows; RGB when `opaque`.
-inline void writeLargePNG(const std::filesystem::path& path, int width, int height, bool opaque, const RowMaker& rows) {
-    std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "wb"), std::fclose);
-    if (!file) throw std::runtime_error("cannot write " + path.string());
-    std::vector<std::uint32_t> row(static_cast<std::size_t>(width));
-    std::vector<png_byte> bytes(static_cast<std::size_t>(width) * 4);
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png_create_info_struct(png);
-    if (setjmp(png_jmpbuf(png))) {
-        png_destroy_write_struct(&png, &info);
-        throw std::runtime_error("libpng failed on " + path.string());
+namespace detail {
+
+// libpng's write handles, released together.
+class PNGWriteHandle {
+public:
+    PNGWriteHandle() : png_(png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr)) {
+        if (png_) info_ = png_create_info_struct(png_);
     }
-    png_init_io(png, file.get());
+    ~PNGWriteHandle() {
+        if (png_) png_destroy_write_struct(&png_, info_ ? &info_ : nullptr);
+    }
+    PNGWriteHandle(const PNGWriteHandle&) = delete;
+    PNGWriteHandle& operator=(const PNGWriteHandle&) = delete;
+    png_structp png() const { return png_; }
+    png_infop info() const { return info_; }
+    explicit operator bool() const { return png_ && info_; }
+
+private:
+    png_structp png_ = nullptr;
+    png_infop info_ = nullptr;
+};
+
+// libpng reports errors by longjmp: nothing with a destructor lives in this frame.
+inline bool writePNGRows(png_structp png, png_infop info, std::FILE* file, int width, int height, bool opaque,
+                         const RowMaker* rows, std::uint32_t* row, png_bytep bytes) {
+    if (setjmp(png_jmpbuf(png))) return false;
+    png_init_io(png, file);
     png_set_IHDR(png, info, png_uint_32(width), png_uint_32(height), 8, opaque ? PNG_COLOR_TYPE_RGB : PNG_COLOR_TYPE_RGBA,
                  PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_BASE, PNG_FILTER_TYPE_BASE);
     png_write_info(png, info);
     for (int y = 0; y < height; ++y) {
-        rows(y, row.data());
-        png_bytep out = bytes.data();
+        (*rows)(y, row);
+        png_bytep out = bytes;
         for (int x = 0; x < width; ++x) {
             const std::uint32_t p = row[x], a = p >> 24;
             auto straight = [a](std::uint32_t c) { return a == 0 ? 0u : std::min(255u, (c * 255 + a / 2) / a); };
@@ -464,10 +476,27 @@ inline void writeLargePNG(const std::filesystem::path& path, int width, int heig
             *out++ = png_byte(straight(p & 0xff));
             if (!opaque) *out++ = png_byte(a);
         }
-        png_write_row(png, bytes.data());
+        png_write_row(png, bytes);
     }
     png_write_end(png, info);
-    png_destroy_write_struct(&png, &info);
+    return true;
+}
+
+}  // namespace detail
+
+// A PNG of `width`×`height` written row by row with libpng (compression level
+// 6, adaptive filters), so a 100-megapixel file never exists in memory whole.
+// Straight alpha from premultiplied rows; RGB when `opaque`.
+inline void writeLargePNG(const std::filesystem::path& path, int width, int height, bool opaque, const RowMaker& rows) {
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "wb"), std::fclose);
+    if (!file) throw std::runtime_error("cannot write " + path.string());
+    std::vector<std::uint32_t> row(static_cast<std::size_t>(width));
+    std::vector<png_byte> bytes(static_cast<std::size_t>(width) * 4);
+    detail::PNGWriteHandle handle;
+    if (!handle || !detail::writePNGRows(handle.png(), handle.info(), file.get(), width, height, opaque, &rows,
+                                         row.data(), bytes.data())) {
+        throw std::runtime_error("libpng failed on " + path.string());
+    }
 }
 
 struct JPEGOptions {
