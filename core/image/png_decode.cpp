@@ -4,7 +4,9 @@
 // straight into the room the source will occupy, and otherwise by zlib a row
 // at a time. Rows are then unfiltered, turned into native premultiplied
 // words and handed to the resampler as they come. Every form of the format
-// is read: all colour types and bit depths, palettes and tRNS, Adam7.
+// is read: all colour types and bit depths, palettes and tRNS, Adam7 (whose
+// rows are complete only at the end, so an interlaced image is read only
+// while its whole source fits the budget).
 #include <zlib.h>
 
 #include <array>
