@@ -113,12 +113,9 @@ std::vector<std::uint8_t> encodePNG(const Image& image, const std::string& what)
 }
 
 Image thumbnail(const Image& image) {
-    const int longest = std::max(image.width, image.height);
-    if (longest <= thumbnailEdge) return image;
-    const double scale = static_cast<double>(thumbnailEdge) / longest;
-    const int width = std::max(1, static_cast<int>(std::lround(image.width * scale)));
-    const int height = std::max(1, static_cast<int>(std::lround(image.height * scale)));
-    auto small = ImageCodec::resample(image, width, height);
+    const auto size = ImageCodec::fitWithin(image.width, image.height, thumbnailEdge);
+    if (!size) return image;
+    auto small = ImageCodec::resample(image, size->first, size->second);
     if (!small) throw FilingError("could not make a thumbnail");
     return std::move(*small);
 }

@@ -38,21 +38,36 @@ Format sniff(const std::uint8_t* bytes, std::size_t size);
 // header can even be looked at: the most a reader of image files takes in.
 inline constexpr std::uint64_t maxFileBytes = std::uint64_t{512} << 20;
 
-std::optional<Image> decode(const std::vector<std::uint8_t>& bytes);
-std::optional<Image> decode(const std::uint8_t* bytes, std::size_t size);
+// The first image of the file (an animation's first frame), upright (a JPEG's
+// EXIF orientation applied), scaled down so that its longest edge is at most
+// `maxEdge` when that is 1 or more (never scaled up). Decoders shrink while
+// they decode where the format allows (DCT scaling, libwebp's scaler) and rows
+// stream into the resampler, so memory follows the result rather than what
+// the file claims. Nothing if it cannot be decoded.
+std::optional<Image> decode(const std::vector<std::uint8_t>& bytes, int maxEdge = 0);
+std::optional<Image> decode(const std::uint8_t* bytes, std::size_t size, int maxEdge = 0);
 // Width and height from the header only, without decoding pixels.
 std::optional<std::pair<int, int>> dimensions(const std::vector<std::uint8_t>& bytes);
+
+// The size whose longest edge is `maxEdge`, the aspect ratio kept as closely as
+// whole pixels allow (halves rounded away from zero, never below 1); nothing
+// when the image fits already or `maxEdge` is below 1.
+std::optional<std::pair<int, int>> fitWithin(int width, int height, int maxEdge);
 
 // High-quality resampling to exactly width×height; nothing if it cannot be made.
 std::optional<Image> resample(const Image& image, int width, int height);
 
 // PNG bytes of the image; nothing on failure. Opaque images are written as
 // 8-bit RGB, others as 8-bit RGBA with straight (un-premultiplied) alpha.
+// Each row gets the filter that suits it, and libdeflate compresses.
 std::optional<std::vector<std::uint8_t>> encodePNG(const Image& image);
 
-// Replies want speed; files kept on disk may prefer fewer bytes.
+// Replies want speed (and still come out no larger than common encoders'
+// defaults); files kept on disk may prefer fewer bytes.
 enum class PNGCompression { fast, small };
 std::optional<std::vector<std::uint8_t>> encodePNG(const Image& image, PNGCompression compression);
+// The same, letting go of the pixels as soon as they are no longer needed.
+std::optional<std::vector<std::uint8_t>> encodePNG(Image&& image, PNGCompression compression);
 
 // Standard base64 with padding and no line breaks.
 std::string base64(const std::vector<std::uint8_t>& bytes);

@@ -1,8 +1,15 @@
 // JPEG through libjpeg-turbo. Its default error handler calls exit(); ours
 // jumps back instead, into small functions that hold nothing with a
 // destructor, and the decompressor is released by an RAII owner.
+//
+// A JPEG that is to be shown smaller is decoded smaller: libjpeg-turbo's DCT
+// scaling by 1/2, 1/4 or 1/8 (its SIMD sizes) to the least size that still
+// covers the target, and the resampler does the rest. Rows stream into the
+// resampler, so only a progressive file's coefficients (which libjpeg keeps
+// for the whole image) grow with the file; those are held to the budget.
 #include <csetjmp>
 #include <cstdio>  // jpeglib.h needs FILE
+#include <cstring>
 #include <new>
 
 #include <jerror.h>
@@ -11,15 +18,16 @@
 #include <bit>
 
 #include "core/image/codecs.h"
+#include "core/image/orientation.h"
+#include "core/image/row_target.h"
 
-namespace mirel::ImageCodec {
+namespace mirel::ImageCodec::detail {
 
 namespace {
 
 struct ErrorManager {
     jpeg_error_mgr base;
     std::jmp_buf jump;
-    bool truncated;
 };
 
 [[noreturn]] void errorExit(j_common_ptr info) {
@@ -28,9 +36,9 @@ struct ErrorManager {
 
 void emitMessage(j_common_ptr info, int level) {
     // libjpeg pads a file that ends early with grey and only warns; a cut-off
-    // file is unreadable to us, as it is for PNG.
-    auto* errors = reinterpret_cast<ErrorManager*>(info->err);
-    if (level < 0 && errors->base.msg_code == JWRN_JPEG_EOF) errors->truncated = true;
+    // file is unreadable to us, as it is for PNG, and is dropped at once
+    // rather than decoded to its claimed size.
+    if (level < 0 && info->err->msg_code == JWRN_JPEG_EOF) errorExit(info);
 }
 
 void outputNothing(j_common_ptr) {}
@@ -42,7 +50,6 @@ public:
         errors.base.error_exit = errorExit;
         errors.base.emit_message = emitMessage;
         errors.base.output_message = outputNothing;
-        errors.truncated = false;
         created = create(&info, &errors);
     }
     ~Decompressor() {
@@ -63,15 +70,63 @@ private:
     }
 };
 
-bool readHeader(jpeg_decompress_struct* info, ErrorManager* errors, const std::uint8_t* bytes,
-                std::size_t size) {
+bool readHeader(jpeg_decompress_struct* info, ErrorManager* errors, const std::uint8_t* bytes, std::size_t size) {
     if (setjmp(errors->jump)) return false;
     jpeg_mem_src(info, bytes, static_cast<unsigned long>(size));
+    jpeg_save_markers(info, JPEG_APP0 + 1, 0xffff);  // EXIF
     return jpeg_read_header(info, TRUE) == JPEG_HEADER_OK;
+}
+
+Orientation orientationOf(const jpeg_decompress_struct* info) {
+    for (jpeg_saved_marker_ptr marker = info->marker_list; marker; marker = marker->next) {
+        if (marker->marker == JPEG_APP0 + 1 && marker->data_length > 6 &&
+            std::memcmp(marker->data, "Exif\0\0", 6) == 0) {
+            return exifOrientation(marker->data + 6, marker->data_length - 6);
+        }
+    }
+    return 1;
 }
 
 bool isCMYK(const jpeg_decompress_struct* info) {
     return info->jpeg_color_space == JCS_CMYK || info->jpeg_color_space == JCS_YCCK;
+}
+
+// The bytes libjpeg keeps for a progressive image's coefficients: a block of
+// 64 two-byte values for every 8×8 block of every component, whole MCUs.
+std::size_t coefficientBytes(const jpeg_decompress_struct* info) {
+    if (!info->progressive_mode && !info->buffered_image) return 0;
+    std::size_t total = 0;
+    for (int c = 0; c < info->num_components; ++c) {
+        const jpeg_component_info& component = info->comp_info[c];
+        auto roundUp = [](std::size_t value, std::size_t to) { return (value + to - 1) / to * to; };
+        total += roundUp(component.width_in_blocks, static_cast<std::size_t>(component.h_samp_factor)) *
+                 roundUp(component.height_in_blocks, static_cast<std::size_t>(component.v_samp_factor)) *
+                 sizeof(JBLOCK);
+    }
+    return total;
+}
+
+// The largest DCT reduction whose result still covers width×height.
+unsigned reductionFor(const jpeg_decompress_struct* info, int width, int height) {
+    for (unsigned denominator : {8u, 4u, 2u}) {
+        if ((info->image_width + denominator - 1) / denominator >= static_cast<unsigned>(width) &&
+            (info->image_height + denominator - 1) / denominator >= static_cast<unsigned>(height)) {
+            return denominator;
+        }
+    }
+    return 1;
+}
+
+bool startDecompress(jpeg_decompress_struct* info, ErrorManager* errors, unsigned reduction) {
+    if (setjmp(errors->jump)) return false;
+    info->scale_num = 1;
+    info->scale_denom = reduction;
+    // libjpeg-turbo writes B G R A bytes (the native word on little-endian
+    // machines) or A R G B, with alpha 255.
+    info->out_color_space =
+        isCMYK(info) ? JCS_CMYK : (std::endian::native == std::endian::little ? JCS_EXT_BGRA : JCS_EXT_ARGB);
+    jpeg_calc_output_dimensions(info);
+    return true;
 }
 
 // CMYK as Adobe writes it (inverted) to native ARGB words.
@@ -89,35 +144,27 @@ void cmykRow(const JSAMPLE* in, bool inverted, int width, std::uint32_t* out) {
     }
 }
 
-bool readPixels(jpeg_decompress_struct* info, ErrorManager* errors, Image* image, JSAMPLE* cmykBuffer) {
+bool readPixels(jpeg_decompress_struct* info, ErrorManager* errors, RowTarget* target, JSAMPLE* cmykBuffer) {
     if (setjmp(errors->jump)) return false;
-    const bool cmyk = isCMYK(info);
-    if (cmyk) {
-        info->out_color_space = JCS_CMYK;
-    } else {
-        // libjpeg-turbo writes B G R A bytes (the native word on little-endian
-        // machines) or A R G B, with alpha 255.
-        info->out_color_space = std::endian::native == std::endian::little ? JCS_EXT_BGRA : JCS_EXT_ARGB;
-    }
     jpeg_start_decompress(info);
-    if (info->output_width != static_cast<JDIMENSION>(image->width) ||
-        info->output_height != static_cast<JDIMENSION>(image->height)) {
+    if (info->output_width != static_cast<JDIMENSION>(target->width()) ||
+        info->output_height != static_cast<JDIMENSION>(target->height())) {
         return false;
     }
+    const bool cmyk = isCMYK(info);
     while (info->output_scanline < info->output_height) {
-        std::uint32_t* row = image->pixels.data() + std::size_t{info->output_scanline} * image->width;
-        JSAMPROW target = cmyk ? cmykBuffer : reinterpret_cast<JSAMPROW>(row);
-        if (jpeg_read_scanlines(info, &target, 1) != 1) return false;
-        if (cmyk) cmykRow(cmykBuffer, info->saw_Adobe_marker, image->width, row);
-        if (errors->truncated) return false;
+        const int y = static_cast<int>(info->output_scanline);
+        std::uint32_t* row = target->row(y);
+        JSAMPROW into = cmyk ? cmykBuffer : reinterpret_cast<JSAMPROW>(row);
+        if (jpeg_read_scanlines(info, &into, 1) != 1) return false;
+        if (cmyk) cmykRow(cmykBuffer, info->saw_Adobe_marker, target->width(), row);
+        target->rowsDone(y + 1);
     }
     jpeg_finish_decompress(info);
-    return !errors->truncated;
+    return true;
 }
 
 }  // namespace
-
-namespace detail {
 
 std::optional<std::pair<int, int>> jpegDimensions(const std::uint8_t* bytes, std::size_t size) {
     Decompressor decompressor;
@@ -129,29 +176,36 @@ std::optional<std::pair<int, int>> jpegDimensions(const std::uint8_t* bytes, std
     return std::pair<int, int>{static_cast<int>(width), static_cast<int>(height)};
 }
 
-std::optional<Image> decodeJPEG(const std::uint8_t* bytes, std::size_t size) {
+std::optional<Image> decodeJPEG(const std::uint8_t* bytes, std::size_t size, int maxEdge) {
     Decompressor decompressor;
-    if (!decompressor.created || !readHeader(&decompressor.info, &decompressor.errors, bytes, size)) {
-        return std::nullopt;
-    }
-    const auto width = decompressor.info.image_width, height = decompressor.info.image_height;
-    if (!sizeAllowed(width, height)) return std::nullopt;
+    jpeg_decompress_struct* info = &decompressor.info;
+    if (!decompressor.created || !readHeader(info, &decompressor.errors, bytes, size)) return std::nullopt;
+    if (!sizeAllowed(info->image_width, info->image_height)) return std::nullopt;
+    const int width = static_cast<int>(info->image_width), height = static_cast<int>(info->image_height);
 
-    std::optional<Image> image = allocate(static_cast<int>(width), static_cast<int>(height));
-    if (!image) return std::nullopt;
-    std::vector<JSAMPLE> cmykBuffer;
+    // The target is fitted upright, then turned back to the file's own axes.
+    const Orientation orientation = orientationOf(info);
+    const bool swapped = swapsAxes(orientation);
+    auto [toWidth, toHeight] = targetSize(swapped ? height : width, swapped ? width : height, maxEdge);
+    if (swapped) std::swap(toWidth, toHeight);
+
+    const std::size_t coefficients = coefficientBytes(info);
+    if (coefficients + static_cast<std::size_t>(toWidth) * toHeight * 4 > decodeBudget) return std::nullopt;
+    info->mem->max_memory_to_use = static_cast<long>(decodeBudget);
+
+    const unsigned reduction = toWidth == width && toHeight == height ? 1 : reductionFor(info, toWidth, toHeight);
+    if (!startDecompress(info, &decompressor.errors, reduction)) return std::nullopt;
     try {
-        if (isCMYK(&decompressor.info)) cmykBuffer.resize(std::size_t{width} * 4);
+        RowTarget target(static_cast<int>(info->output_width), static_cast<int>(info->output_height), toWidth,
+                         toHeight, coefficients);
+        std::vector<JSAMPLE> cmykBuffer(isCMYK(info) ? std::size_t{info->output_width} * 4 : 0);
+        if (!readPixels(info, &decompressor.errors, &target, cmykBuffer.data())) return std::nullopt;
+        std::optional<Image> image = target.finish(true);
+        if (!image || orientation == 1) return image;
+        return upright(std::move(*image), orientation);
     } catch (const std::bad_alloc&) {
         return std::nullopt;
     }
-    if (!readPixels(&decompressor.info, &decompressor.errors, &*image, cmykBuffer.data())) {
-        return std::nullopt;
-    }
-    image->opaque = true;
-    return image;
 }
 
-}  // namespace detail
-
-}  // namespace mirel::ImageCodec
+}  // namespace mirel::ImageCodec::detail

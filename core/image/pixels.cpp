@@ -1,9 +1,22 @@
-// Pixel helpers shared by the decoders.
+// Sizes: what a decoder may allocate, and what an image is scaled to.
+#include <algorithm>
+#include <cmath>
 #include <new>
 
 #include "core/image/codecs.h"
 
-namespace mirel::ImageCodec::detail {
+namespace mirel::ImageCodec {
+
+std::optional<std::pair<int, int>> fitWithin(int width, int height, int maxEdge) {
+    const int longest = std::max(width, height);
+    if (maxEdge < 1 || maxEdge >= longest) return std::nullopt;
+    const double scale = static_cast<double>(maxEdge) / longest;
+    // std::lround rounds halves away from zero.
+    return std::pair<int, int>{std::max(1, static_cast<int>(std::lround(scale * width))),
+                               std::max(1, static_cast<int>(std::lround(scale * height)))};
+}
+
+namespace detail {
 
 bool sizeAllowed(std::int64_t width, std::int64_t height) {
     return width >= 1 && height >= 1 && width <= maxDimension && height <= maxDimension &&
@@ -23,38 +36,10 @@ std::optional<Image> allocate(int width, int height) {
     return image;
 }
 
-namespace {
-
-// c × a / 255, rounded, exact for all 8-bit inputs.
-inline std::uint32_t multiplyAlpha(std::uint32_t c, std::uint32_t a) {
-    const std::uint32_t t = c * a + 128;
-    return (t + (t >> 8)) >> 8;
+std::pair<int, int> targetSize(int width, int height, int maxEdge) {
+    return fitWithin(width, height, maxEdge).value_or(std::pair<int, int>{width, height});
 }
 
-}  // namespace
+}  // namespace detail
 
-void premultiply(Image& image) {
-    bool opaque = true;
-    for (std::uint32_t& p : image.pixels) {
-        const std::uint32_t a = p >> 24;
-        if (a == 255) continue;
-        opaque = false;
-        if (a == 0) {
-            p = 0;
-            continue;
-        }
-        const std::uint32_t r = multiplyAlpha((p >> 16) & 0xff, a);
-        const std::uint32_t g = multiplyAlpha((p >> 8) & 0xff, a);
-        const std::uint32_t b = multiplyAlpha(p & 0xff, a);
-        p = (a << 24) | (r << 16) | (g << 8) | b;
-    }
-    image.opaque = opaque;
-}
-
-void detectOpaque(Image& image) {
-    std::uint32_t all = 0xff000000;
-    for (const std::uint32_t p : image.pixels) all &= p;
-    image.opaque = (all & 0xff000000) == 0xff000000;
-}
-
-}  // namespace mirel::ImageCodec::detail
+}  // namespace mirel::ImageCodec

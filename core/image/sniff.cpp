@@ -17,18 +17,18 @@ Format sniff(const std::uint8_t* bytes, std::size_t size) {
     return Format::unknown;
 }
 
-std::optional<Image> decode(const std::uint8_t* bytes, std::size_t size) {
+std::optional<Image> decode(const std::uint8_t* bytes, std::size_t size, int maxEdge) {
     switch (sniff(bytes, size)) {
-        case Format::png: return detail::decodePNG(bytes, size);
-        case Format::jpeg: return detail::decodeJPEG(bytes, size);
-        case Format::webp: return detail::decodeWebP(bytes, size);
+        case Format::png: return detail::decodePNG(bytes, size, maxEdge);
+        case Format::jpeg: return detail::decodeJPEG(bytes, size, maxEdge);
+        case Format::webp: return detail::decodeWebP(bytes, size, maxEdge);
         case Format::unknown: break;
     }
     return std::nullopt;
 }
 
-std::optional<Image> decode(const std::vector<std::uint8_t>& bytes) {
-    return decode(bytes.data(), bytes.size());
+std::optional<Image> decode(const std::vector<std::uint8_t>& bytes, int maxEdge) {
+    return decode(bytes.data(), bytes.size(), maxEdge);
 }
 
 std::optional<std::pair<int, int>> dimensions(const std::vector<std::uint8_t>& bytes) {

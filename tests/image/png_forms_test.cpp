@@ -1,0 +1,154 @@
+// Every form a PNG may take, written by libpng (other programs' files, not
+// ours), read back by the decoder: colour types, bit depths, palettes, tRNS
+// and Adam7 interlacing.
+#include <gtest/gtest.h>
+#include <png.h>
+
+#include <string>
+#include <vector>
+
+#include "core/image/image.h"
+
+namespace mirel {
+namespace {
+
+enum Kind { grey = PNG_COLOR_TYPE_GRAY, rgb = PNG_COLOR_TYPE_RGB, palette = PNG_COLOR_TYPE_PALETTE,
+            greyAlpha = PNG_COLOR_TYPE_GRAY_ALPHA, rgba = PNG_COLOR_TYPE_RGB_ALPHA };
+
+struct Form {
+    Kind kind;
+    int depth;
+    bool transparency;  // a tRNS chunk
+    bool interlaced;
+};
+
+constexpr int width = 19, height = 13;  // odd, so Adam7's passes and packed bits end mid-byte
+
+// What pixel (x, y) of a form holds: its samples as stored and its colour as
+// straight 8-bit RGBA. Samples are chosen so 16 bits and low depths map
+// exactly onto 8 bits.
+struct Pixel {
+    std::vector<unsigned> samples;
+    unsigned r, g, b, a;
+};
+
+unsigned paletteColour(unsigned k, int c) { return (k * (40 + 30 * c) + 17 * c) & 0xff; }
+unsigned paletteAlpha(unsigned k) { return (k * 77 + 5) & 0xff; }
+
+Pixel pixelOf(const Form& f, int x, int y) {
+    const unsigned wide = f.depth == 16 ? 257 : 1;
+    const unsigned v = (x * 13 + y * 7) & 0xff, r = (x * 13) & 0xff, g = (y * 17) & 0xff, b = (x * y * 5) & 0xff;
+    const unsigned a = (x * 20 + y * 3) & 0xff;
+    switch (f.kind) {
+        case grey:
+            if (f.depth < 8) {
+                const unsigned top = (1u << f.depth) - 1, s = (x + 2 * y) & top;
+                return {{s}, s * 255 / top, s * 255 / top, s * 255 / top, 255};
+            }
+            return {{v * wide}, v, v, v, 255};
+        case rgb: return {{r * wide, g * wide, b * wide}, r, g, b, 255};
+        case palette: {
+            const unsigned k = (x + 3 * y) & ((1u << f.depth) - 1);
+            return {{k}, paletteColour(k, 0), paletteColour(k, 1), paletteColour(k, 2), f.transparency ? paletteAlpha(k) : 255};
+        }
+        case greyAlpha: return {{v * wide, a * wide}, v, v, v, a};
+        default: return {{r * wide, g * wide, b * wide, a * wide}, r, g, b, a};
+    }
+}
+
+// libpng's write handles, released together.
+struct Writer {
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png ? png_create_info_struct(png) : nullptr;
+    ~Writer() { png_destroy_write_struct(&png, &info); }
+};
+
+void appendBytes(png_structp png, png_bytep data, png_size_t size) {
+    auto* out = static_cast<std::string*>(png_get_io_ptr(png));
+    out->append(reinterpret_cast<const char*>(data), size);
+}
+
+// libpng reports errors by longjmp: nothing with a destructor lives in this frame.
+bool writeRows(png_structp png, png_infop info, const Form* f, png_bytepp rows, png_colorp colours, png_bytep alphas,
+               png_color_16p key, std::string* out) {
+    if (setjmp(png_jmpbuf(png))) return false;
+    png_set_write_fn(png, out, appendBytes, nullptr);
+    png_set_IHDR(png, info, width, height, f->depth, f->kind, f->interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
+                 PNG_COMPRESSION_TYPE_BASE, PNG_FILTER_TYPE_BASE);
+    if (f->kind == palette) png_set_PLTE(png, info, colours, 1 << f->depth);
+    if (f->transparency) png_set_tRNS(png, info, alphas, f->kind == palette ? 1 << f->depth : 0, key);
+    png_write_info(png, info);
+    png_write_image(png, rows);
+    png_write_end(png, info);
+    return true;
+}
+
+std::vector<std::uint8_t> writePNG(const Form& f) {
+    const int channels = f.kind == rgb ? 3 : f.kind == greyAlpha ? 2 : f.kind == rgba ? 4 : 1;
+    const std::size_t rowBytes = (static_cast<std::size_t>(width) * channels * f.depth + 7) / 8;
+    std::vector<std::vector<png_byte>> data(height, std::vector<png_byte>(rowBytes));
+    std::vector<png_bytep> rows;
+    for (int y = 0; y < height; ++y) {
+        std::size_t bit = 0;
+        for (int x = 0; x < width; ++x) {
+            for (unsigned s : pixelOf(f, x, y).samples) {
+                if (f.depth == 16) data[y][bit / 8] = static_cast<png_byte>(s >> 8), data[y][bit / 8 + 1] = static_cast<png_byte>(s);
+                else data[y][bit / 8] |= static_cast<png_byte>(s << (8 - f.depth - bit % 8));
+                bit += static_cast<std::size_t>(f.depth);
+            }
+        }
+        rows.push_back(data[y].data());
+    }
+    std::vector<png_color> colours(256);
+    std::vector<png_byte> alphas(256);
+    for (unsigned k = 0; k < 256; ++k) {
+        colours[k] = {static_cast<png_byte>(paletteColour(k, 0)), static_cast<png_byte>(paletteColour(k, 1)),
+                      static_cast<png_byte>(paletteColour(k, 2))};
+        alphas[k] = static_cast<png_byte>(paletteAlpha(k));
+    }
+    // Grey and RGB forms make the colour of pixel (0, 0) the transparent one.
+    const auto keyed = pixelOf(f, 0, 0).samples;
+    png_color_16 key{};
+    key.gray = static_cast<png_uint_16>(keyed[0]);
+    key.red = static_cast<png_uint_16>(keyed[0]);
+    if (keyed.size() == 3) key.green = static_cast<png_uint_16>(keyed[1]), key.blue = static_cast<png_uint_16>(keyed[2]);
+    Writer writer;
+    std::string out;
+    if (!writer.info || !writeRows(writer.png, writer.info, &f, rows.data(), colours.data(), alphas.data(), &key, &out)) {
+        ADD_FAILURE() << "libpng could not write the form";
+    }
+    return {out.begin(), out.end()};
+}
+
+TEST(PNGForms, EveryColourTypeDepthAndInterlaceReadsBackExactly) {
+    const Form forms[] = {
+        {grey, 1, false, false},    {grey, 2, false, true},     {grey, 4, false, false},  {grey, 8, true, false},
+        {grey, 16, false, true},    {rgb, 8, true, true},       {rgb, 16, true, false},   {palette, 1, false, false},
+        {palette, 2, true, false},  {palette, 4, false, true},  {palette, 8, true, true}, {greyAlpha, 8, false, false},
+        {greyAlpha, 16, false, true}, {rgba, 8, false, true},   {rgba, 16, false, false},
+    };
+    for (const Form& f : forms) {
+        const std::string name = "type " + std::to_string(f.kind) + " depth " + std::to_string(f.depth) +
+                                 (f.transparency ? " tRNS" : "") + (f.interlaced ? " Adam7" : "");
+        const auto image = ImageCodec::decode(writePNG(f));
+        ASSERT_TRUE(image) << name;
+        ASSERT_EQ(image->width, width) << name;
+        ASSERT_EQ(image->height, height) << name;
+        const auto keyed = pixelOf(f, 0, 0).samples;
+        bool opaque = true;
+        for (int y = 0; y < height; ++y) {
+            for (int x = 0; x < width; ++x) {
+                Pixel p = pixelOf(f, x, y);
+                if (f.transparency && f.kind != palette && p.samples == keyed) p.r = p.g = p.b = p.a = 0;
+                opaque = opaque && p.a == 255;
+                auto times = [&p](unsigned c) { return (c * p.a + 127) / 255; };
+                const std::uint32_t expected = (p.a << 24) | (times(p.r) << 16) | (times(p.g) << 8) | times(p.b);
+                ASSERT_EQ(image->at(x, y), expected) << name << " at " << x << "," << y;
+            }
+        }
+        EXPECT_EQ(image->opaque, opaque) << name;
+    }
+}
+
+}  // namespace
+}  // namespace mirel

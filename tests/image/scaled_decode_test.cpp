@@ -1,0 +1,403 @@
+// Decoding straight to a smaller size: the streamed, threaded and vectorised
+// paths are held to a plain floating-point Lanczos-3, DCT-scaled JPEG to the
+// full decode, and the formats' extras (EXIF orientation, animated WebP) to
+// what a viewer shows.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+
+#include "core/image/codecs.h"
+#include "core/image/image.h"
+#include "core/image/resample.h"
+#include "core/image/row_target.h"
+#include "tests/support/image_files.h"
+#include "tests/support/temp_library.h"
+
+namespace mirel {
+namespace {
+
+using test::ImageFileFormat;
+using test::RGBA;
+
+// Every channel its own pattern (so a swapped channel shows), sharp steps like
+// text, fine texture, and, unless opaque, an alpha ramp with a clear band.
+Image colouredImage(int width, int height, bool opaque) {
+    Image image;
+    image.width = width;
+    image.height = height;
+    image.opaque = opaque;
+    image.pixels.resize(static_cast<std::size_t>(width) * height);
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            const std::uint32_t r = static_cast<std::uint32_t>(x * 255 / std::max(1, width - 1));
+            const std::uint32_t g = (y / 7) % 2 ? 230 : static_cast<std::uint32_t>(y * 200 / std::max(1, height - 1));
+            const std::uint32_t b = static_cast<std::uint32_t>((x * 7 + y * 13) ^ (x * y)) & 0xff;
+            std::uint32_t a = 255;
+            if (!opaque) a = (x / 16) % 5 == 0 ? 0 : 64 + static_cast<std::uint32_t>(y * 191 / std::max(1, height - 1));
+            auto times = [a](std::uint32_t c) { return (c * a + 127) / 255; };
+            image.pixels[static_cast<std::size_t>(y) * width + x] = (a << 24) | (times(r) << 16) | (times(g) << 8) | times(b);
+        }
+    }
+    return image;
+}
+
+// Lanczos-3 by its definition, in doubles, columns then rows; only the
+// in-between values are kept to the byte range, as any 8-bit pipeline must.
+Image referenceResample(const Image& in, int toWidth, int toHeight) {
+    auto weights = [](int from, int to) {
+        auto lanczos = [](double x) {
+            auto sinc = [](double v) { return v == 0 ? 1.0 : std::sin(M_PI * v) / (M_PI * v); };
+            return std::abs(x) < 3 ? sinc(x) * sinc(x / 3) : 0.0;
+        };
+        const double scale = static_cast<double>(from) / to, stretch = std::max(scale, 1.0);
+        std::vector<std::vector<std::pair<int, double>>> table(to);
+        for (int i = 0; i < to; ++i) {
+            const double center = (i + 0.5) * scale;
+            double total = 0;
+            for (int j = std::max(0, static_cast<int>(center - 3 * stretch) - 1);
+                 j <= std::min(from - 1, static_cast<int>(center + 3 * stretch) + 1); ++j) {
+                const double w = lanczos((j + 0.5 - center) / stretch);
+                if (w != 0) table[i].emplace_back(j, w), total += w;
+            }
+            for (auto& tap : table[i]) tap.second /= total;
+        }
+        return table;
+    };
+    const auto vertical = weights(in.height, toHeight), horizontal = weights(in.width, toWidth);
+    auto channel = [](std::uint32_t p, int c) { return static_cast<double>((p >> (8 * c)) & 0xff); };
+    Image out;
+    out.width = toWidth;
+    out.height = toHeight;
+    out.opaque = in.opaque;
+    out.pixels.resize(static_cast<std::size_t>(toWidth) * toHeight);
+    std::vector<double> line(static_cast<std::size_t>(in.width) * 4);
+    for (int y = 0; y < toHeight; ++y) {
+        for (int x = 0; x < in.width; ++x) {
+            for (int c = 0; c < 4; ++c) {
+                double sum = 0;
+                for (const auto& [row, w] : vertical[y]) sum += w * channel(in.at(x, row), c);
+                line[static_cast<std::size_t>(x) * 4 + c] = std::clamp(sum, 0.0, 255.0);
+            }
+        }
+        for (int x = 0; x < toWidth; ++x) {
+            std::uint32_t bytes[4];
+            for (int c = 0; c < 4; ++c) {
+                double sum = 0;
+                for (const auto& [column, w] : horizontal[x]) sum += w * line[static_cast<std::size_t>(column) * 4 + c];
+                bytes[c] = static_cast<std::uint32_t>(std::clamp(std::lround(sum), 0L, 255L));
+            }
+            for (int c = 0; c < 3; ++c) bytes[c] = std::min(bytes[c], bytes[3]);  // premultiplied stays valid
+            out.pixels[static_cast<std::size_t>(y) * toWidth + x] = (bytes[3] << 24) | (bytes[2] << 16) | (bytes[1] << 8) | bytes[0];
+        }
+    }
+    return out;
+}
+
+// The largest difference in any channel of any pixel.
+int largestDifference(const Image& a, const Image& b) {
+    EXPECT_EQ(a.width, b.width);
+    EXPECT_EQ(a.height, b.height);
+    if (a.pixels.size() != b.pixels.size()) return 256;
+    int largest = 0;
+    for (std::size_t i = 0; i < a.pixels.size(); ++i) {
+        for (int shift = 0; shift < 32; shift += 8) {
+            largest = std::max(largest, std::abs(static_cast<int>((a.pixels[i] >> shift) & 0xff) -
+                                                 static_cast<int>((b.pixels[i] >> shift) & 0xff)));
+        }
+    }
+    return largest;
+}
+
+double meanDifference(const Image& a, const Image& b) {
+    double total = 0;
+    for (std::size_t i = 0; i < a.pixels.size(); ++i) {
+        for (int shift = 0; shift < 24; shift += 8) {
+            total += std::abs(static_cast<int>((a.pixels[i] >> shift) & 0xff) - static_cast<int>((b.pixels[i] >> shift) & 0xff));
+        }
+    }
+    return total / (3.0 * static_cast<double>(a.pixels.size()));
+}
+
+std::vector<std::uint8_t> fileBytes(const std::filesystem::path& path) {
+    const std::string text = test::readBytes(path);
+    return {text.begin(), text.end()};
+}
+
+// ---- the resampler's ways of being fed ----
+
+struct FeedCase {
+    const char* name;
+    int width, height, toWidth, toHeight;
+    bool opaque;
+    bool tight;  // the decoder claims the whole budget, so only a window of rows is kept
+};
+
+// Rows go in one by one, as a decoder gives them; every way RowTarget can
+// work (whole source with helper threads, a window of rows, a window of rows
+// already narrowed) must give Lanczos-3 to within one level.
+TEST(ScaledDecode, EveryWayOfFeedingRowsMatchesTheReference) {
+    using namespace ImageCodec::detail;
+    const FeedCase cases[] = {
+        {"whole, with helpers", 1000, 1000, 400, 400, false, false},
+        {"whole, small", 300, 200, 120, 80, true, false},
+        {"window", 600, 400, 250, 167, false, true},
+        {"window of narrowed rows", 250000, 17, 1400, 1, true, true},
+        {"nothing to scale", 90, 60, 90, 60, false, false},
+    };
+    for (const FeedCase& c : cases) {
+        const Image source = colouredImage(c.width, c.height, c.opaque);
+        RowTarget target(c.width, c.height, c.toWidth, c.toHeight, c.tight ? decodeBudget : 0);
+        EXPECT_EQ(target.whole() == nullptr, c.tight) << c.name;
+        for (int y = 0; y < c.height; ++y) {
+            std::memcpy(target.row(y), &source.pixels[static_cast<std::size_t>(y) * c.width],
+                        static_cast<std::size_t>(c.width) * 4);
+            target.rowsDone(y + 1);
+        }
+        const std::optional<Image> result = target.finish(c.opaque);
+        ASSERT_TRUE(result) << c.name;
+        EXPECT_LE(largestDifference(*result, referenceResample(source, c.toWidth, c.toHeight)), 1) << c.name;
+    }
+}
+
+// The AVX2 kernels are chosen at run time; where the machine has them they
+// must give the portable kernels' bytes exactly.
+TEST(ScaledDecode, AVX2KernelsGiveThePortableBytes) {
+    using namespace ImageCodec::detail;
+    const RowKernels* avx2 = avx2Kernels();
+    if (!avx2) GTEST_SKIP() << "no AVX2 here";
+    std::mt19937 random(15);
+    for (const auto& [from, to] : {std::pair{1000, 333}, {257, 100}, {50, 49}, {40, 97}, {20000, 7}}) {
+        std::vector<std::uint32_t> row(static_cast<std::size_t>(from));
+        for (auto& p : row) p = random();
+        const AxisWeights table = weightsFor(from, to);
+        std::vector<std::uint32_t> portable(static_cast<std::size_t>(to)), fast(static_cast<std::size_t>(to));
+        portableKernels().rows(row.data(), table, portable.data());
+        avx2->rows(row.data(), table, fast.data());
+        EXPECT_EQ(portable, fast) << from << "→" << to;
+
+        // Columns: `to` rows of `from` pixels each, weighted by the first output's taps.
+        const int count = std::min(table.count[0], 64);
+        std::vector<std::vector<std::uint8_t>> rows(static_cast<std::size_t>(count),
+                                                    std::vector<std::uint8_t>(static_cast<std::size_t>(from) * 4 + 3));
+        std::vector<const std::uint8_t*> pointers;
+        for (auto& r : rows) {
+            for (auto& byte : r) byte = static_cast<std::uint8_t>(random());
+            pointers.push_back(r.data());
+        }
+        const std::size_t bytes = static_cast<std::size_t>(from) * 4 + 3;
+        std::vector<std::uint8_t> columnsPortable(bytes), columnsFast(bytes);
+        portableKernels().columns(pointers.data(), table.weights.data(), count, bytes, columnsPortable.data());
+        avx2->columns(pointers.data(), table.weights.data(), count, bytes, columnsFast.data());
+        EXPECT_EQ(columnsPortable, columnsFast) << from << "→" << to;
+
+        std::vector<std::uint32_t> clampedPortable = row, clampedFast = row;
+        portableKernels().clampToAlpha(clampedPortable.data(), clampedPortable.size());
+        avx2->clampToAlpha(clampedFast.data(), clampedFast.size());
+        EXPECT_EQ(clampedPortable, clampedFast);
+    }
+}
+
+// ---- whole files ----
+
+class ScaledFileTest : public ::testing::Test {
+protected:
+    std::vector<std::uint8_t> written(const Image& image, ImageFileFormat format) const {
+        const auto path = library_.home() / "probe";
+        test::writeImageFile(path, image, format);
+        return fileBytes(path);
+    }
+
+private:
+    test::TempLibrary library_;
+};
+
+TEST_F(ScaledFileTest, PNGDecodedSmallerMatchesTheReferenceOnTheFullDecode) {
+    for (const bool opaque : {true, false}) {
+        const auto png = written(colouredImage(800, 500, opaque), ImageFileFormat::png);
+        const auto full = ImageCodec::decode(png);
+        const auto small = ImageCodec::decode(png, 300);
+        ASSERT_TRUE(full && small);
+        EXPECT_EQ(small->opaque, opaque);
+        EXPECT_EQ((std::pair{small->width, small->height}), (std::pair{300, 188}));
+        EXPECT_LE(largestDifference(*small, referenceResample(*full, 300, 188)), 1) << opaque;
+        // An image that fits is left alone.
+        const auto same = ImageCodec::decode(png, 800);
+        ASSERT_TRUE(same);
+        EXPECT_EQ(same->pixels, full->pixels);
+    }
+}
+
+TEST_F(ScaledFileTest, JPEGDecodedThroughDCTScalingStaysCloseToTheFullDecode) {
+    // Photo-like: smooth colour everywhere, a little texture.
+    Image photo = test::solidImage(1600, 1200, {0, 0, 0, 255});
+    for (int y = 0; y < photo.height; ++y) {
+        for (int x = 0; x < photo.width; ++x) {
+            const auto r = static_cast<std::uint32_t>(128 + 100 * std::sin(x / 90.0)),
+                       g = static_cast<std::uint32_t>(128 + 100 * std::cos(y / 70.0)),
+                       b = static_cast<std::uint32_t>(128 + 60 * std::sin((x + y) / 25.0));
+            photo.pixels[static_cast<std::size_t>(y) * photo.width + x] = 0xff000000u | (r << 16) | (g << 8) | b;
+        }
+    }
+    const auto jpeg = written(photo, ImageFileFormat::jpeg);
+    const auto full = ImageCodec::decode(jpeg);
+    ASSERT_TRUE(full);
+    for (const int edge : {1000, 700, 400, 160}) {  // the decoder reduces by none, 1/2, 1/4, 1/8
+        const auto small = ImageCodec::decode(jpeg, edge);
+        ASSERT_TRUE(small);
+        const auto expected = ImageCodec::resample(*full, small->width, small->height);
+        ASSERT_TRUE(expected);
+        EXPECT_EQ(small->width, edge);
+        EXPECT_EQ(small->height, edge * 3 / 4);
+        EXPECT_LE(meanDifference(*small, *expected), 2.0) << edge;
+    }
+}
+
+// EXIF data of a big-endian TIFF with one entry: orientation.
+std::vector<std::uint8_t> exifSegment(int orientation) {
+    std::vector<std::uint8_t> exif = {'E', 'x', 'i', 'f', 0, 0, 'M', 'M', 0, 42, 0, 0, 0, 8,  // header, IFD at 8
+                                      0, 1,                                                      // one entry
+                                      0x01, 0x12, 0, 3, 0, 0, 0, 1, 0, static_cast<std::uint8_t>(orientation), 0, 0,
+                                      0, 0, 0, 0};  // no next IFD
+    const std::size_t length = exif.size() + 2;
+    exif.insert(exif.begin(), {0xff, 0xe1, static_cast<std::uint8_t>(length >> 8), static_cast<std::uint8_t>(length)});
+    return exif;
+}
+
+TEST_F(ScaledFileTest, JPEGsStandUprightByTheirEXIFOrientation) {
+    // The quadrants as stored: red top-left, green top-right, blue bottom-left, white bottom-right.
+    const RGBA red{255, 0, 0, 255}, green{0, 255, 0, 255}, blue{0, 0, 255, 255}, white{255, 255, 255, 255};
+    struct Case {
+        int orientation;
+        RGBA topLeft, topRight;
+    };
+    const Case cases[] = {{1, red, green},  {2, green, red},  {3, white, blue}, {4, blue, white},
+                          {5, red, blue},   {6, blue, red},   {7, white, green}, {8, green, white}};
+    const auto plain = written(test::quadrantImage(160, 120), ImageFileFormat::jpeg);
+    for (const Case& c : cases) {
+        std::vector<std::uint8_t> jpeg(plain.begin(), plain.begin() + 2);
+        const auto exif = exifSegment(c.orientation);
+        jpeg.insert(jpeg.end(), exif.begin(), exif.end());
+        jpeg.insert(jpeg.end(), plain.begin() + 2, plain.end());
+        const bool turned = c.orientation >= 5;
+        for (const int edge : {0, 80}) {  // the fitted size is that of the upright picture
+            const auto image = ImageCodec::decode(jpeg, edge);
+            ASSERT_TRUE(image) << c.orientation;
+            const int longSide = edge ? 80 : 160, shortSide = edge ? 60 : 120;
+            EXPECT_EQ(image->width, turned ? shortSide : longSide) << c.orientation;
+            EXPECT_EQ(image->height, turned ? longSide : shortSide) << c.orientation;
+            const int inset = image->width / 8;
+            EXPECT_TRUE(test::near(test::colorAt(*image, inset, inset), c.topLeft, 16)) << c.orientation;
+            EXPECT_TRUE(test::near(test::colorAt(*image, image->width - 1 - inset, inset), c.topRight, 16)) << c.orientation;
+        }
+    }
+}
+
+// An animated WebP built chunk by chunk: a 40×30 red first frame at (20, 10)
+// on an 80×60 canvas, then a blue full-canvas frame.
+std::vector<std::uint8_t> animatedWebP(const std::vector<std::uint8_t>& redStill,
+                                       const std::vector<std::uint8_t>& blueStill) {
+    auto put24 = [](std::vector<std::uint8_t>& out, std::uint32_t v) {
+        for (int i = 0; i < 3; ++i) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+    };
+    auto put32 = [&](std::vector<std::uint8_t>& out, std::uint32_t v) {
+        put24(out, v);
+        out.push_back(static_cast<std::uint8_t>(v >> 24));
+    };
+    auto chunk = [&](std::vector<std::uint8_t>& out, const char* type, const std::vector<std::uint8_t>& body) {
+        out.insert(out.end(), type, type + 4);
+        put32(out, static_cast<std::uint32_t>(body.size()));
+        out.insert(out.end(), body.begin(), body.end());
+        if (body.size() % 2) out.push_back(0);
+    };
+    auto frame = [&](const std::vector<std::uint8_t>& still, int x, int y, int w, int h) {
+        std::vector<std::uint8_t> body;
+        put24(body, static_cast<std::uint32_t>(x / 2));
+        put24(body, static_cast<std::uint32_t>(y / 2));
+        put24(body, static_cast<std::uint32_t>(w - 1));
+        put24(body, static_cast<std::uint32_t>(h - 1));
+        put24(body, 100);  // duration in ms
+        body.push_back(0);
+        body.insert(body.end(), still.begin() + 12, still.end());  // the still's chunks, without RIFF
+        return body;
+    };
+    std::vector<std::uint8_t> header = {0x12, 0, 0, 0};  // animation and alpha
+    put24(header, 79);
+    put24(header, 59);
+    std::vector<std::uint8_t> body = {'W', 'E', 'B', 'P'};
+    chunk(body, "VP8X", header);
+    chunk(body, "ANIM", {0, 0, 0, 0, 0, 0});
+    chunk(body, "ANMF", frame(redStill, 20, 10, 40, 30));
+    chunk(body, "ANMF", frame(blueStill, 0, 0, 80, 60));
+    std::vector<std::uint8_t> file = {'R', 'I', 'F', 'F'};
+    put32(file, static_cast<std::uint32_t>(body.size()));
+    file.insert(file.end(), body.begin(), body.end());
+    return file;
+}
+
+TEST_F(ScaledFileTest, AnAnimatedWebPGivesItsFirstFrameOnItsCanvas) {
+    const auto webp = animatedWebP(written(test::solidImage(40, 30, {255, 0, 0, 255}), ImageFileFormat::webp),
+                                   written(test::solidImage(80, 60, {0, 0, 255, 255}), ImageFileFormat::webp));
+    EXPECT_EQ(ImageCodec::dimensions(webp), (std::pair{80, 60}));
+    for (const int edge : {0, 40}) {
+        const auto image = ImageCodec::decode(webp, edge);
+        ASSERT_TRUE(image) << edge;
+        const int scale = edge ? 2 : 1;
+        EXPECT_EQ(image->width, 80 / scale);
+        EXPECT_FALSE(image->opaque);
+        EXPECT_TRUE(test::near(test::colorAt(*image, 40 / scale, 25 / scale), {255, 0, 0, 255}, 16)) << edge;
+        EXPECT_EQ(test::colorAt(*image, 4 / scale, 4 / scale).a, 0) << edge;  // outside the frame: clear
+    }
+}
+
+// ---- memory ----
+
+long peakResidentKB() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+// Headers within the decoders' limits (10000×10000) over a few bytes of data:
+// refused or failed without ever holding what they claim.
+TEST_F(ScaledFileTest, LargeClaimsOverLittleDataCostLittle) {
+    auto claim = [](std::vector<std::uint8_t> bytes, std::size_t widthAt, std::size_t heightAt, int width) {
+        for (int i = 0; i < width; ++i) {
+            bytes[widthAt + i] = static_cast<std::uint8_t>(10000 >> (8 * (width - 1 - i)));
+            bytes[heightAt + i] = static_cast<std::uint8_t>(10000 >> (8 * (width - 1 - i)));
+        }
+        return bytes;
+    };
+    const auto png = written(colouredImage(16, 16, true), ImageFileFormat::png);
+    const auto jpeg = written(colouredImage(16, 16, true), ImageFileFormat::jpeg);
+    std::size_t frame = 2;
+    while (frame + 9 < jpeg.size() && !(jpeg[frame] == 0xff && jpeg[frame + 1] == 0xc0)) ++frame;
+    ASSERT_LT(frame + 9, jpeg.size());
+    auto progressive = claim(jpeg, frame + 7, frame + 5, 2);
+    progressive[frame + 1] = 0xc2;
+
+    struct Case {
+        const char* name;
+        std::vector<std::uint8_t> bytes;
+        bool refused;  // else shown grey where the data ran out, as viewers do
+    };
+    const Case cases[] = {
+        {"png", claim(png, 16, 20, 4), true},  // its CRC no longer matches, either
+        {"baseline jpeg", claim(jpeg, frame + 7, frame + 5, 2), false},
+        {"progressive jpeg", progressive, true},  // its coefficients alone would pass the budget
+    };
+    for (const Case& c : cases) {
+        const long before = peakResidentKB();
+        const auto image = ImageCodec::decode(c.bytes, 1400);
+        EXPECT_EQ(!image, c.refused) << c.name;
+        if (image) {
+            EXPECT_EQ(image->width, 1400) << c.name;
+        }
+        EXPECT_LT(peakResidentKB() - before, 150 * 1024) << c.name;
+    }
+}
+
+}  // namespace
+}  // namespace mirel
