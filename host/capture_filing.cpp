@@ -2,6 +2,7 @@
 
 #include "core/annotation/annotation_renderer.h"
 #include "core/platform/clock.h"
+#include "core/platform/file_io.h"
 #include "core/platform/text.h"
 #include "core/store/mirel_paths.h"
 
@@ -48,24 +49,10 @@ public:
     void write(const fs::path& file, const std::vector<std::uint8_t>& bytes) {
         rememberMissingFolders(file.parent_path());
         MirelPaths::ensureParentDirectory(file);
-        const fs::path temporary = file.string() + ".tmp-" + newID().substr(0, 8);
-        {
-            std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-            out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-            out.close();
-            if (!out) {
-                const int code = errno;
-                std::error_code ignored;
-                fs::remove(temporary, ignored);
-                throw FilingError("could not write " + file.string() + ": " + std::strerror(code));
-            }
-        }
-        std::error_code error;
-        fs::rename(temporary, file, error);
-        if (error) {
-            std::error_code ignored;
-            fs::remove(temporary, ignored);
-            throw FilingError("could not write " + file.string() + ": " + error.message());
+        try {
+            writeFileAtomically(file, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+        } catch (const fs::filesystem_error& error) {
+            throw FilingError("could not write " + file.string() + ": " + error.code().message());
         }
         files_.push_back(file);
     }
