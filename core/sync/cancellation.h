@@ -31,7 +31,7 @@ public:
 private:
     struct State {
         std::mutex mutex;
-        bool cancelled = false;  // guarded by mutex
+        bool cancelled = false;                   // guarded by mutex
         std::list<std::function<void()>> wakers;  // guarded by mutex
     };
     std::shared_ptr<State> state_;

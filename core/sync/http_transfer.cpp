@@ -61,8 +61,9 @@ curl_slist* headerList(const HttpRequest& request) {
         append(value.empty() ? name + ";" : name + ": " + value);
     }
     for (const char* builtIn : {"Accept", "Content-Type", "Expect"}) {
-        const bool named = std::any_of(request.headers.begin(), request.headers.end(),
-                                       [&](const auto& header) { return equalsIgnoringASCIICase(header.first, builtIn); });
+        const bool named = std::any_of(request.headers.begin(), request.headers.end(), [&](const auto& header) {
+            return equalsIgnoringASCIICase(header.first, builtIn);
+        });
         if (!named) append(std::string(builtIn) + ":");
     }
     return list;
@@ -163,7 +164,8 @@ long run(const HttpRequest& request, const DataHandler& onData, const Cancellati
     long status = 0;
     curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);
     if (reader.stopped) return status;
-    if (result == CURLE_WEIRD_SERVER_REPLY) throw TransferError(TransferError::Kind::notHTTP, "The server's reply is not HTTP.");
+    if (result == CURLE_WEIRD_SERVER_REPLY)
+        throw TransferError(TransferError::Kind::notHTTP, "The server's reply is not HTTP.");
     if (result != CURLE_OK) {
         throw TransferError(TransferError::Kind::failed, errorText[0] ? errorText : curl_easy_strerror(result));
     }
@@ -171,7 +173,9 @@ long run(const HttpRequest& request, const DataHandler& onData, const Cancellati
     return status;
 }
 
-std::string megabytes(std::size_t bytes) { return std::to_string(bytes >> 20) + " MB"; }
+std::string megabytes(std::size_t bytes) {
+    return std::to_string(bytes >> 20) + " MB";
+}
 
 }  // namespace
 
@@ -189,7 +193,8 @@ HttpResponse perform(const HttpRequest& request, std::size_t maxBody, const Canc
             return true;
         },
         cancel);
-    if (tooLarge) throw TransferError(TransferError::Kind::tooLarge, "The reply is larger than " + megabytes(maxBody) + ".");
+    if (tooLarge)
+        throw TransferError(TransferError::Kind::tooLarge, "The reply is larger than " + megabytes(maxBody) + ".");
     return response;
 }
 
@@ -268,7 +273,8 @@ std::string escapeComponent(std::string_view text) {
     std::string out;
     out.reserve(text.size());
     for (unsigned char c : text) {
-        if ((c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' || c == '_' || c == '~') {
+        if ((c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' || c == '_' ||
+            c == '~') {
             out += static_cast<char>(c);
         } else {
             out += '%';

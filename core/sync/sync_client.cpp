@@ -72,7 +72,8 @@ void SyncClient::addIdentityHeaders(HttpRequest& call, bool auth) const {
 
 SyncError SyncClient::failureFromReply(const HttpResponse& response) {
     const auto body = parseJSON(response.body);
-    if (!body || !body->is_object()) return SyncError::server(response.status, HttpStatus::reasonPhrase(response.status));
+    if (!body || !body->is_object())
+        return SyncError::server(response.status, HttpStatus::reasonPhrase(response.status));
     if (saysUploadsDisabled(*body)) return SyncError::uploadsDisabled();
     // The server's own words if its body has them: in "error", else at the top.
     const auto message = stringAt(Wire::field(*body, "error"), "message")

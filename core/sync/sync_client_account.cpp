@@ -46,9 +46,8 @@ AccountInfo SyncClient::me(const Cancellation& cancel) const {
 
     // One element that isn't an object spoils the whole list.
     const Json& workspaces = Wire::field(reply, "workspaces");
-    if (workspaces.is_array() && std::all_of(workspaces.begin(), workspaces.end(), [](const Json& element) {
-            return element.is_object();
-        })) {
+    if (workspaces.is_array() &&
+        std::all_of(workspaces.begin(), workspaces.end(), [](const Json& element) { return element.is_object(); })) {
         for (const Json& element : workspaces) {
             if (auto workspace = workspaceFrom(element)) info.workspaces.push_back(std::move(*workspace));
         }

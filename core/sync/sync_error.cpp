@@ -22,7 +22,9 @@ SyncError SyncError::unauthorized() {
     return SyncError(Kind::unauthorized, 0, "", "Your session has expired. Sign in again to keep syncing.");
 }
 
-SyncError SyncError::decode() { return SyncError(Kind::decode, 0, "", "Unexpected reply from the server."); }
+SyncError SyncError::decode() {
+    return SyncError(Kind::decode, 0, "", "Unexpected reply from the server.");
+}
 
 SyncError SyncError::uploadsDisabled() {
     return SyncError(Kind::uploadsDisabled, 0, "", "Screenshot uploads are switched off on this server.");

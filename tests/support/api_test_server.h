@@ -4,8 +4,7 @@
 //
 //     ApiTestServer server;
 //     server.on("GET /v1/me", ApiTestServer::json(200, R"({"user":{"id":"u1"}})"));
-//     SyncClient client(server.url(), "token");
-//     client.me();
+//     SyncClient(server.url(), "token").me();
 //     EXPECT_EQ(server.seen().at(0).header("Authorization"), "Bearer token");
 #include <httplib.h>
 
@@ -25,7 +24,7 @@ public:
 
     struct Seen {
         std::string method;
-        std::string path;  // with the query, as sent
+        std::string target;  // the path with its query, as sent
         std::multimap<std::string, std::string, httplib::detail::ci> headers;
         std::string body;
         // The value of a header, or "(none)" when it wasn't sent.
@@ -37,21 +36,16 @@ public:
     ApiTestServer(const ApiTestServer&) = delete;
     ApiTestServer& operator=(const ApiTestServer&) = delete;
 
-    // "http://127.0.0.1:{port}"
-    std::string url() const;
-    // Answers `route` ("POST /v1/sync") from now on; unknown routes get 404.
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+    // Answers `route` ("POST /v1/sync", the path decoded) from now on; others get 404.
     void on(const std::string& route, Handler handler);
     std::vector<Seen> seen() const;
-    // True once the test is ending: long-running handlers should return.
+    // True once the test is ending: handlers that hold a reply back should let go.
     bool stopping() const { return stopping_; }
 
     static Handler json(int status, std::string body);
-    // Sends `total` bytes of `fill` as one body, without end if `total` is 0.
-    Handler endless(char fill, std::size_t total = 0);
 
 private:
-    void answer(const httplib::Request& request, httplib::Response& response);
-
     httplib::Server server_;
     int port_ = 0;
     std::thread thread_;

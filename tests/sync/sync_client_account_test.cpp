@@ -1,5 +1,3 @@
-#include "core/sync/sync_client.h"
-#include "tests/support/api_test_server.h"
 #include "tests/sync/sync_test_support.h"
 
 #include <gtest/gtest.h>
@@ -23,18 +21,17 @@ TEST(AccountCalls, MeReadsTolerantlyAndNeedsOnlyTheIdentity) {
             {"id": "w2", "name": "No slug"},
             {"id": "w3", "name": "Three", "slug": "three", "role": 5, "settings": "raw"}],
         "features": {"uploads": true, "beta": "yes", "old": false}})"));
-    const AccountInfo full = client.me();
-    EXPECT_EQ(full.user, (Person{"u2", "Ada", "ada@x", "https://x/a.png", "bot"}));
-    EXPECT_EQ(full.workspaces, (std::vector<Workspace>{{"w1", "One", "one", "owner", R"({"a":2,"b":1})"},
-                                                       {"w3", "Three", "three", "member", "raw"}}));
-    EXPECT_EQ(full.features, (std::map<std::string, bool>{{"old", false}, {"uploads", true}}));
+    EXPECT_EQ(
+        client.me(),
+        (AccountInfo{Person{"u2", "Ada", "ada@x", "https://x/a.png", "bot"},
+                     {{"w1", "One", "one", "owner", R"({"a":2,"b":1})"}, {"w3", "Three", "three", "member", "raw"}},
+                     {{"old", false}, {"uploads", true}}}));
 
-    server.on("GET /v1/me", ApiTestServer::json(200, R"({"user":{"id":"u1"},"workspaces":[{"id":"w","name":"n","slug":"s"},3]})"));
+    server.on("GET /v1/me",
+              ApiTestServer::json(200, R"({"user":{"id":"u"},"workspaces":[{"id":"w","name":"n","slug":"s"},3]})"));
     EXPECT_TRUE(client.me().workspaces.empty());
-    for (const char* bad : {R"({"user":{"name":"x"}})", R"({"user":"u1"})", R"([{"user":{"id":"u1"}}])"}) {
-        server.on("GET /v1/me", ApiTestServer::json(200, bad));
-        EXPECT_EQ(outcome([&] { client.me(); }), "decode: Unexpected reply from the server.") << bad;
-    }
+    server.on("GET /v1/me", ApiTestServer::json(200, R"({"user":{"name":"x"}})"));
+    EXPECT_EQ(outcome([&] { client.me(); }), "decode: Unexpected reply from the server.");
 }
 
 TEST(AccountCalls, DeviceSyncAndReconcileSendTheirBodies) {
@@ -45,34 +42,31 @@ TEST(AccountCalls, DeviceSyncAndReconcileSendTheirBodies) {
     server.on("POST /v1/sync/reconcile", ApiTestServer::json(200, R"({"drop":["c1",2,""],"missing":"x"})"));
 
     client.registerDevice("d1", "Box", SyncClient::devicePlatform, std::nullopt);
-    const Json envelope = {{"device_id", "d1"}, {"cursor", 0}, {"changes", Json::array()}, {"full_groups", Json::array()}};
-    EXPECT_EQ(client.sync(envelope), Json::object());
+    EXPECT_EQ(client.sync({{"cursor", 0}, {"changes", Json::array()}}), Json::object());
     EXPECT_EQ(client.reconcile({}), (ReconcileResult{{"c1", ""}, {}}));
-
     const auto seen = server.seen();
     ASSERT_EQ(seen.size(), 3u);
     EXPECT_EQ(seen[0].body, R"({"app_version":null,"id":"d1","name":"Box","platform":"linux"})");
-    EXPECT_EQ(seen[1].body, R"({"changes":[],"cursor":0,"device_id":"d1","full_groups":[]})");
+    EXPECT_EQ(seen[1].body, R"({"changes":[],"cursor":0})");
     EXPECT_EQ(seen[2].body, R"({"capture_ids":[]})");
 
     server.on("POST /v1/sync", ApiTestServer::json(200, "[]"));
-    EXPECT_EQ(outcome([&] { client.sync(envelope); }), "decode: Unexpected reply from the server.");
-    server.on("POST /v1/sync", ApiTestServer::json(401, ""));
-    EXPECT_EQ(outcome([&] { client.sync(envelope); }), "unauthorized: Your session has expired. Sign in again to keep syncing.");
+    EXPECT_EQ(outcome([&] { client.sync(Json::object()); }), "decode: Unexpected reply from the server.");
 }
 
 TEST(EventStream, RequestCarriesTheTokenOfTheMomentAndLinesArriveAsTheyCome) {
     ApiTestServer server;
-    SyncClient client(server.url() + "/", std::nullopt);
-    HttpRequest anonymous = client.events("w/../1?#");
+    SyncClient client(server.url() + "/");
+    const HttpRequest anonymous = client.events("w/../1?#");
     EXPECT_EQ(anonymous.url, server.url() + "/v1/events?workspace=w%2F%2E%2E%2F1%3F%23");
     EXPECT_EQ(anonymous.headers, (decltype(anonymous.headers){{"Accept", "text/event-stream"}}));
     EXPECT_EQ(anonymous.limits.silence, std::chrono::seconds(3600));
     client.setToken("tok");
     client.setClientLabel("cli");
     const HttpRequest request = client.events();
-    EXPECT_EQ(request.headers, (decltype(request.headers){
-                                   {"Accept", "text/event-stream"}, {"X-Mirel-Client", "cli"}, {"Authorization", "Bearer tok"}}));
+    EXPECT_EQ(request.headers,
+              (decltype(request.headers){
+                  {"Accept", "text/event-stream"}, {"X-Mirel-Client", "cli"}, {"Authorization", "Bearer tok"}}));
 
     // Pieces cut across line endings; after them the stream stays open and silent.
     server.on("GET /v1/events", [&](const httplib::Request&, httplib::Response& response) {
@@ -87,10 +81,13 @@ TEST(EventStream, RequestCarriesTheTokenOfTheMomentAndLinesArriveAsTheyCome) {
     std::vector<std::string> lines;
     const Cancellation cancel;
     const std::string ended = outcome([&] {
-        Http::streamLines(request, [&](std::string_view line) {
-            lines.emplace_back(line);
-            if (lines.size() == 5) cancel.cancel();
-        }, cancel);
+        Http::streamLines(
+            request,
+            [&](std::string_view line) {
+                lines.emplace_back(line);
+                if (lines.size() == 5) cancel.cancel();
+            },
+            cancel);
     });
     EXPECT_EQ(ended, "transfer: The request was cancelled.");
     EXPECT_EQ(lines, (std::vector<std::string>{"event: change", "data: {}", "", "event: other", ""}));
