@@ -15,6 +15,7 @@ struct SyncIntervals {
     std::chrono::milliseconds pause{30'000};      // from the end of one periodic run to the next
     std::chrono::milliseconds debounce{2'000};    // after a local change or a live event
     std::chrono::milliseconds reconnect{15'000};  // after any end of the event stream
+    std::chrono::milliseconds pollSecond{1'000};  // one second of a sign-in code's poll interval
 };
 
 class RunScheduler {
