@@ -100,18 +100,20 @@ asio::awaitable<void> SyncEngine::downloadImage(const CaptureImage& image, const
     std::string imagePath = image.imagePath;
     std::optional<std::string> annotatedPath = image.annotatedPath;
     std::optional<std::string> thumbPath = image.thumbPath;
+    // Named, not temporaries: g++ 12 destroys a temporary argument of a
+    // coroutine called in a co_await twice.
+    const std::filesystem::path capturesRoot = MirelPaths::capturesRoot(), thumbsRoot = MirelPaths::thumbsRoot();
+    const std::string markedID = image.id + "-marked";
     if (imagePath.empty() && image.originalSHA256) {
-        imagePath = co_await fetchImageFile(workspaceID, *image.originalSHA256, image.id, image.createdAt,
-                                            MirelPaths::capturesRoot());
+        imagePath = co_await fetchImageFile(workspaceID, *image.originalSHA256, image.id, image.createdAt, capturesRoot);
     }
     // Equal hashes: the image has no separate marked-up file.
     if (!annotatedPath && image.markedSHA256 && image.markedSHA256 != image.originalSHA256) {
-        annotatedPath = co_await fetchImageFile(workspaceID, *image.markedSHA256, image.id + "-marked",
-                                                image.createdAt, MirelPaths::capturesRoot());
+        annotatedPath =
+            co_await fetchImageFile(workspaceID, *image.markedSHA256, markedID, image.createdAt, capturesRoot);
     }
     if (!thumbPath && image.thumbSHA256) {
-        thumbPath = co_await fetchImageFile(workspaceID, *image.thumbSHA256, image.id, image.createdAt,
-                                            MirelPaths::thumbsRoot());
+        thumbPath = co_await fetchImageFile(workspaceID, *image.thumbSHA256, image.id, image.createdAt, thumbsRoot);
     }
     store_.setImagePaths(image.id, imagePath, annotatedPath, thumbPath);
     if (const auto stored = store_.rawImage(image.id)) store_.refreshCover(stored->captureID);

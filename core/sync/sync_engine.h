@@ -158,14 +158,15 @@ private:
     asio::awaitable<std::invoke_result_t<Work&, const Cancellation&>> call(Work work) {
         Cancellation cancel;
         const Cancellation closing = closing_;
-        co_return co_await offload(
-            pool_,
-            [work = std::move(work), cancel, closing]() mutable {
-                const auto link = closing.onCancel([cancel] { cancel.cancel(); });
-                if (closing.isCancelled()) cancel.cancel();
-                return work(cancel);
-            },
-            [cancel] { cancel.cancel(); });
+        // Named, not passed as temporaries: g++ 12 destroys a temporary
+        // argument of a coroutine called in a co_await twice.
+        auto job = [work = std::move(work), cancel, closing]() mutable {
+            const auto link = closing.onCancel([cancel] { cancel.cancel(); });
+            if (closing.isCancelled()) cancel.cancel();
+            return work(cancel);
+        };
+        std::function<void()> interrupt = [cancel] { cancel.cancel(); };
+        co_return co_await offload(pool_, std::move(job), std::move(interrupt));
     }
 
     // The last 8 characters of an id, as messages show it.
