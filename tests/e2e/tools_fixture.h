@@ -7,7 +7,7 @@
 #include "core/platform/text.h"
 #include "core/store/capture_store.h"
 #include "core/store/mirel_paths.h"
-#include "mcp/tools/format.h"
+#include "core/format/format.h"
 #include "tests/support/image_files.h"
 #include "tests/support/mcp_process.h"
 #include "tests/support/seed.h"

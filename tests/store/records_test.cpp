@@ -67,15 +67,8 @@ TEST(CaptureTitleTest, FirstLineOrFallback) {
     }
 }
 
-TEST(CaptureTest, ShortIDAndSharing) {
+TEST(CaptureTest, Sharing) {
     Capture c;
-    c.id = "0f8fad5b-d9cb-469f-a165-70867728950e";
-    EXPECT_EQ(c.shortID(), "7728950e");
-    c.id = "abc";
-    EXPECT_EQ(c.shortID(), "abc");
-    c.id = "";
-    EXPECT_EQ(c.shortID(), "");
-
     c.workspaceID = "ws";
     EXPECT_TRUE(c.isShared());
     c.localOnly = true;
