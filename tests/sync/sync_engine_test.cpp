@@ -8,7 +8,6 @@
 #include "tests/support/image_files.h"
 #include "tests/support/scoped_env.h"
 #include "tests/sync/sync_fixture.h"
-#include "tests/sync/sync_test_support.h"
 
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
@@ -197,20 +196,6 @@ TEST_F(SyncEngineTest, EachKindOfFailureGivesItsStatusAndLosesNoEdit) {
         EXPECT_EQ(statuses.back(), "idle");
         EXPECT_EQ(text("captures", c.id, "sync_state"), "synced");
     }
-}
-
-TEST_F(SyncEngineTest, OfflineLogsNothingAndSignedOutMakesNoCall) {
-    make(closedURL());
-    syncOnce();
-    EXPECT_EQ(statuses, (std::vector<std::string>{"idle", "syncing", "offline"}));
-    EXPECT_TRUE(store.syncLog(5).empty());
-
-    Keychain::remove("session");
-    statuses.clear();
-    make();
-    syncOnce();
-    EXPECT_EQ(statuses, std::vector<std::string>{"signedOut"});
-    EXPECT_TRUE(server.seen().empty());
 }
 
 TEST_F(SyncEngineTest, MoreForeverGivesTwentySixExchangesInARun) {
