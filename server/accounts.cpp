@@ -66,7 +66,12 @@ std::optional<User> userByEmail(Connection& db, const std::string& email) {
 std::optional<User> checkPassword(Connection& db, const std::string& email, const std::string& password) {
     auto s = db.prepare("SELECT id, email, name, password_hash FROM users WHERE email = ?;");
     s.bind(1, email);
-    if (!s.step()) return std::nullopt;
+    if (!s.step()) {
+        // As slow as a wrong password, so that the page doesn't tell which e-mails have accounts.
+        static const std::string decoy = hashPassword("no account has this password");
+        verifyPassword(password, decoy);
+        return std::nullopt;
+    }
     if (!verifyPassword(password, s.text(3))) return std::nullopt;
     return readUser(s);
 }
@@ -124,14 +129,17 @@ std::string createSession(Connection& db, const std::string& userID) {
 
 std::optional<User> userForToken(Connection& db, const std::string& token) {
     const std::string hash = tokenHash(token);
-    auto s = db.prepare(
-        "SELECT u.id, u.email, u.name, s.last_used_at FROM sessions s JOIN users u ON u.id = s.user_id "
-        "WHERE s.token_hash = ?;");
-    s.bind(1, hash);
-    if (!s.step()) return std::nullopt;
-    User user = readUser(s);
-    const Date lastUsed = s.real(3);
-    s.reset();
+    User user;
+    Date lastUsed = 0;
+    {
+        auto s = db.cached(
+            "SELECT u.id, u.email, u.name, s.last_used_at FROM sessions s JOIN users u ON u.id = s.user_id "
+            "WHERE s.token_hash = ?;");
+        s->bind(1, hash);
+        if (!s->step()) return std::nullopt;
+        user = readUser(*s);
+        lastUsed = s->real(3);
+    }
     // Kept to the minute, so that a run of reads does not turn into writes.
     Date now = Clock::now();
     if (now - lastUsed > 60) {

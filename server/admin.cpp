@@ -103,32 +103,34 @@ void userCommand(Connection& db, const std::vector<std::string>& words) {
 }
 
 void addMembers(Connection& db, const std::string& workspaceID, const std::string& slug,
-                const std::vector<std::string>& emails, const std::string& role) {
+                const std::vector<std::string>& emails, const std::string& role, std::string& report) {
     for (const auto& email : emails) {
         Accounts::addMember(db, workspaceID, requireUser(db, email).id, role);
-        std::cout << "Added " << email << " to " << slug << " as " << role << "\n";
+        report += "Added " + email + " to " + slug + " as " + role + "\n";
     }
 }
 
 void workspaceCommand(Connection& db, const std::vector<std::string>& words) {
     const std::string verb = words.size() > 1 ? words[1] : "";
     const Arguments args = parseArguments(words, 2);
+    // Told after the commit: one unknown e-mail leaves everything as it was.
+    std::string report;
     Transaction transaction(db, Transaction::Kind::write);
     if (verb == "add" && args.plain.size() == 1 && !args.name.empty()) {
         const std::string id = Accounts::addWorkspace(db, args.plain[0], args.name);
-        std::cout << "Added workspace " << args.plain[0] << " (" << id << ")\n";
-        addMembers(db, id, args.plain[0], args.members, "member");
-        addMembers(db, id, args.plain[0], args.owners, "owner");
+        report += "Added workspace " + args.plain[0] + " (" + id + ")\n";
+        addMembers(db, id, args.plain[0], args.members, "member", report);
+        addMembers(db, id, args.plain[0], args.owners, "owner", report);
     } else if (verb == "add-member" && !args.plain.empty() && args.plain.size() + args.owners.size() >= 2) {
         const std::string slug = args.plain[0];
         std::vector<std::string> emails(args.plain.begin() + 1, args.plain.end());
         emails.insert(emails.end(), args.owners.begin(), args.owners.end());
-        addMembers(db, requireWorkspace(db, slug), slug, emails, args.ownerFlag ? "owner" : "member");
+        addMembers(db, requireWorkspace(db, slug), slug, emails, args.ownerFlag ? "owner" : "member", report);
     } else if (verb == "remove-member" && args.plain.size() >= 2) {
         const std::string id = requireWorkspace(db, args.plain[0]);
         for (std::size_t i = 1; i < args.plain.size(); ++i) {
             const bool was = Accounts::removeMember(db, id, requireUser(db, args.plain[i]).id);
-            std::cout << (was ? "Removed " : "Not a member: ") << args.plain[i] << "\n";
+            report += (was ? "Removed " : "Not a member: ") + args.plain[i] + "\n";
         }
     } else if (verb == "list" && args.plain.empty()) {
         auto s = db.prepare("SELECT w.slug, w.name, w.id, (SELECT COUNT(*) FROM memberships m WHERE m.workspace_id = w.id) "
@@ -141,6 +143,7 @@ void workspaceCommand(Connection& db, const std::vector<std::string>& words) {
                          "workspace remove-member SLUG EMAIL... | workspace list");
     }
     transaction.commit();
+    std::cout << report;
 }
 
 void approveCommand(Connection& db, const std::vector<std::string>& words) {

@@ -36,6 +36,8 @@ private:
     void installSync(httplib::Server& server);
     void installBlobs(httplib::Server& server);
     void installEvents(httplib::Server& server);
+    // A PUT to a signed storage URL.
+    void receiveUpload(const httplib::Request& request, httplib::Response& response, const httplib::ContentReader& reader);
 
     // The signed-in user of a request with "Authorization: Bearer …"; throws a 401 Refusal.
     User authenticate(const httplib::Request& request, Connection& db) const;

@@ -2,8 +2,10 @@
 
 #include "server/crypto.h"
 #include "server/record_schema.h"
+#include "server/unique_fd.h"
 
 #include "core/platform/clock.h"
+#include "core/platform/file_descriptor.h"
 #include "core/sync/content_hash.h"
 
 #include <fcntl.h>
@@ -16,20 +18,6 @@ namespace mirel::server {
 
 namespace {
 
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
 // Removes the temporary file unless it was moved into place.
 struct TemporaryFile {
     std::filesystem::path path;
@@ -39,19 +27,6 @@ struct TemporaryFile {
         if (!kept) std::filesystem::remove(path, ignored);
     }
 };
-
-bool writeAll(int fd, const char* data, std::size_t length) {
-    while (length > 0) {
-        ssize_t written = ::write(fd, data, length);
-        if (written < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += written;
-        length -= static_cast<std::size_t>(written);
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -101,7 +76,7 @@ BlobStore::Receipt BlobStore::receive(Connection& db, const std::string& workspa
     if (bytes > settings_.maxBytes) return Receipt::tooLarge;
     const std::filesystem::path target = pathFor(workspaceID, sha);
     TemporaryFile temporary{storage_.blobsFolder() / "incoming" / (randomToken() + ".part")};
-    FileDescriptor fd(::open(temporary.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    UniqueFD fd(::open(temporary.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (fd.get() < 0) throw std::runtime_error("can't write " + temporary.path.string());
 
     Sha256Stream digest;
@@ -115,7 +90,7 @@ BlobStore::Receipt BlobStore::receive(Connection& db, const std::string& workspa
             return false;
         }
         digest.update(data, length);
-        if (!writeAll(fd.get(), data, length)) {
+        if (!writeAll(fd.get(), std::string_view(data, length))) {
             writeFailed = true;
             return false;
         }

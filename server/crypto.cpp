@@ -7,6 +7,7 @@
 #include <openssl/rand.h>
 #include <sodium.h>
 
+#include <semaphore>
 #include <stdexcept>
 
 namespace mirel::server {
@@ -22,6 +23,15 @@ std::string hex(const unsigned char* data, std::size_t length) {
     }
     return text;
 }
+
+// Each hash takes 64 MiB for a moment: a burst of sign-in attempts must not
+// take the machine's memory with it.
+std::counting_semaphore<2> hashingSlots(2);
+
+struct HashingSlot {
+    HashingSlot() { hashingSlots.acquire(); }
+    ~HashingSlot() { hashingSlots.release(); }
+};
 
 void ensureSodium() {
     static const bool ready = sodium_init() >= 0;
@@ -47,6 +57,7 @@ std::string tokenHash(std::string_view token) { return ContentHash::sha256(token
 
 std::string hashPassword(std::string_view password) {
     ensureSodium();
+    HashingSlot slot;
     char stored[crypto_pwhash_STRBYTES];
     if (crypto_pwhash_str(stored, password.data(), password.size(), crypto_pwhash_OPSLIMIT_INTERACTIVE,
                           crypto_pwhash_MEMLIMIT_INTERACTIVE) != 0) {
@@ -57,6 +68,7 @@ std::string hashPassword(std::string_view password) {
 
 bool verifyPassword(std::string_view password, const std::string& stored) {
     ensureSodium();
+    HashingSlot slot;
     return crypto_pwhash_str_verify(stored.c_str(), password.data(), password.size()) == 0;
 }
 

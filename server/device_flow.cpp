@@ -2,6 +2,7 @@
 
 #include "server/accounts.h"
 #include "server/crypto.h"
+#include "server/refusal.h"
 
 #include "core/platform/clock.h"
 
@@ -29,6 +30,9 @@ Grant start(Connection& db) {
     Transaction transaction(db, Transaction::Kind::write);
     Date now = Clock::now();
     db.run("DELETE FROM device_codes WHERE expires_at < ?;", {now});
+    if (db.integer("SELECT COUNT(*) FROM device_codes;").value_or(0) >= kMostWaitingCodes) {
+        throw Refusal(503, "busy", "Too many sign-ins are waiting; try again in a few minutes.");
+    }
     Grant grant{randomToken(), newUserCode()};
     while (db.integer("SELECT 1 FROM device_codes WHERE user_code = ?;", {grant.userCode})) {
         grant.userCode = newUserCode();

@@ -12,6 +12,7 @@ namespace mirel::server::DeviceFlow {
 constexpr double kCodeLifetime = 600;  // seconds
 constexpr double kPollInterval = 2;    // seconds; the clients' own minimum
 constexpr int kWrongPasswordLimit = 5;
+constexpr std::int64_t kMostWaitingCodes = 1000;
 
 struct Grant {
     std::string deviceCode;

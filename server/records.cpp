@@ -28,10 +28,10 @@ StoredRecord read(const Statement& s) {
 std::string nameKey(const std::string& name) { return asciiLower(name); }
 
 std::optional<StoredRecord> load(Connection& db, const std::string& kind, const std::string& id) {
-    auto s = db.prepare(std::string("SELECT ") + kColumns + " FROM records WHERE kind = ? AND id = ?;");
-    s.bind(1, kind).bind(2, id);
-    if (!s.step()) return std::nullopt;
-    return read(s);
+    auto s = db.cached(std::string("SELECT ") + kColumns + " FROM records WHERE kind = ? AND id = ?;");
+    s->bind(1, kind).bind(2, id);
+    if (!s->step()) return std::nullopt;
+    return read(*s);
 }
 
 std::int64_t save(Connection& db, const StoredRecord& record) {
@@ -40,12 +40,14 @@ std::int64_t save(Connection& db, const StoredRecord& record) {
     SqlArg name = record.kind == "groups" && record.row.value("name", Json()).is_string()
                       ? SqlArg(nameKey(record.row["name"].get<std::string>()))
                       : SqlArg(nullptr);
-    db.run("INSERT INTO records (kind, id, workspace_id, capture_id, version, seq, row, stamps, deleted, name_key) "
-           "VALUES (?,?,?,?,?,?,?,?,?,?) ON CONFLICT(kind, id) DO UPDATE SET version = excluded.version, "
-           "seq = excluded.seq, row = excluded.row, stamps = excluded.stamps, deleted = excluded.deleted, "
-           "name_key = excluded.name_key;",
-           {record.kind, record.id, record.workspaceID, captureID, record.version, seq, writeJSON(record.row),
-            writeJSON(record.stamps), static_cast<std::int64_t>(record.deleted), name});
+    const Json group = record.kind == "captures" ? record.row.value("group_id", Json()) : Json();
+    db.run("INSERT INTO records (kind, id, workspace_id, capture_id, group_id, version, seq, row, stamps, deleted, "
+           "name_key) VALUES (?,?,?,?,?,?,?,?,?,?,?) ON CONFLICT(kind, id) DO UPDATE SET group_id = excluded.group_id, "
+           "version = excluded.version, seq = excluded.seq, row = excluded.row, stamps = excluded.stamps, "
+           "deleted = excluded.deleted, name_key = excluded.name_key;",
+           {record.kind, record.id, record.workspaceID, captureID,
+            group.is_string() ? SqlArg(group.get<std::string>()) : SqlArg(nullptr), record.version, seq,
+            writeJSON(record.row), writeJSON(record.stamps), static_cast<std::int64_t>(record.deleted), name});
     return seq;
 }
 
@@ -54,11 +56,11 @@ void hideChildren(Connection& db, const std::string& captureID) {
 }
 
 std::optional<StoredRecord> groupNamed(Connection& db, const std::string& workspaceID, const std::string& name) {
-    auto s = db.prepare(std::string("SELECT ") + kColumns +
-                        " FROM records WHERE kind = 'groups' AND workspace_id = ? AND name_key = ?;");
-    s.bind(1, workspaceID).bind(2, nameKey(name));
-    if (!s.step()) return std::nullopt;
-    return read(s);
+    auto s = db.cached(std::string("SELECT ") + kColumns +
+                       " FROM records WHERE kind = 'groups' AND workspace_id = ? AND name_key = ?;");
+    s->bind(1, workspaceID).bind(2, nameKey(name));
+    if (!s->step()) return std::nullopt;
+    return read(*s);
 }
 
 }  // namespace mirel::server::Records

@@ -38,6 +38,10 @@ UploadRequest readUploadRequest(const Json& body) {
             type.is_string() ? type.get<std::string>() : std::string()};
 }
 
+void requireUploads(bool enabled) {
+    if (!enabled) throw Refusal(403, "uploads_disabled", "Screenshot uploads are switched off on this server.");
+}
+
 Refusal storageRefusal(BlobStore::Signature signature) {
     if (signature == BlobStore::Signature::expired) return Refusal(403, "url_expired", "This link has expired.");
     return Refusal(403, "signature_invalid", "This link is not valid.");
@@ -45,17 +49,40 @@ Refusal storageRefusal(BlobStore::Signature signature) {
 
 }  // namespace
 
-void Api::installBlobs(httplib::Server& server) {
-    auto disabled = [this] {
-        if (!settings_.uploadsEnabled) {
-            throw Refusal(403, "uploads_disabled", "Screenshot uploads are switched off on this server.");
-        }
-    };
+void Api::receiveUpload(const httplib::Request& request, httplib::Response& response,
+                        const httplib::ContentReader& reader) {
+    requireUploads(settings_.uploadsEnabled);
+    const std::string ws = request.matches[1];
+    const std::string sha = request.matches[2];
+    const std::string bytes = request.get_param_value("bytes");
+    const auto signature = blobs_.check("PUT", ws, sha, bytes, request.get_param_value("expires"),
+                                        request.get_param_value("sig"));
+    if (signature != BlobStore::Signature::valid) throw storageRefusal(signature);
+    auto db = storage_.connection();
+    const auto receipt = blobs_.receive(
+        *db, ws, sha, std::stoull(bytes), request.get_header_value("Content-Type"),
+        [&](const std::function<bool(const char*, std::size_t)>& sink) {
+            return reader([&](const char* data, std::size_t length) { return sink(data, length); });
+        });
+    switch (receipt) {
+        case BlobStore::Receipt::stored:
+            return replyJSON(response, Json{{"status", "stored"}});
+        case BlobStore::Receipt::tooLarge:
+            throw Refusal(413, "too_large", "This file is larger than the server takes.");
+        case BlobStore::Receipt::wrongSize:
+            throw Refusal(400, "size_mismatch", "The body is not the size that was announced.");
+        case BlobStore::Receipt::wrongHash:
+            throw Refusal(422, "hash_mismatch", "The body does not match its SHA-256.");
+        case BlobStore::Receipt::interrupted:
+            throw Refusal(400, "interrupted", "The upload did not arrive whole.");
+    }
+}
 
-    server.Post("/v1/uploads", [this, disabled](const httplib::Request& request, httplib::Response& response) {
+void Api::installBlobs(httplib::Server& server) {
+    server.Post("/v1/uploads", [this](const httplib::Request& request, httplib::Response& response) {
         auto db = storage_.connection();
         const User user = authenticate(request, *db);
-        disabled();
+        requireUploads(settings_.uploadsEnabled);
         const UploadRequest upload = readUploadRequest(jsonBody(request));
         memberWorkspace(*db, user, upload.workspaceID);
         if (upload.bytes > blobs_.settings().maxBytes) {
@@ -90,34 +117,14 @@ void Api::installBlobs(httplib::Server& server) {
                });
 
     server.Put(std::string("/storage/") + kWorkspacePattern + "/" + kHashPattern,
-               [this, disabled](const httplib::Request& request, httplib::Response& response,
-                                const httplib::ContentReader& reader) {
-                   // An unread body can't be left on a kept-alive connection.
-                   response.set_header("Connection", "close");
-                   disabled();
-                   const std::string ws = request.matches[1];
-                   const std::string sha = request.matches[2];
-                   const std::string bytes = request.get_param_value("bytes");
-                   const auto signature = blobs_.check("PUT", ws, sha, bytes, request.get_param_value("expires"),
-                                                       request.get_param_value("sig"));
-                   if (signature != BlobStore::Signature::valid) throw storageRefusal(signature);
-                   auto db = storage_.connection();
-                   const auto receipt = blobs_.receive(
-                       *db, ws, sha, std::stoull(bytes), request.get_header_value("Content-Type"),
-                       [&](const std::function<bool(const char*, std::size_t)>& sink) {
-                           return reader([&](const char* data, std::size_t length) { return sink(data, length); });
-                       });
-                   switch (receipt) {
-                       case BlobStore::Receipt::stored:
-                           return replyJSON(response, Json{{"status", "stored"}});
-                       case BlobStore::Receipt::tooLarge:
-                           throw Refusal(413, "too_large", "This file is larger than the server takes.");
-                       case BlobStore::Receipt::wrongSize:
-                           throw Refusal(400, "size_mismatch", "The body is not the size that was announced.");
-                       case BlobStore::Receipt::wrongHash:
-                           throw Refusal(422, "hash_mismatch", "The body does not match its SHA-256.");
-                       case BlobStore::Receipt::interrupted:
-                           throw Refusal(400, "interrupted", "The upload did not arrive whole.");
+               [this](const httplib::Request& request, httplib::Response& response,
+                      const httplib::ContentReader& reader) {
+                   try {
+                       receiveUpload(request, response, reader);
+                   } catch (const Refusal&) {
+                       // An unread body can't be left on a kept-alive connection.
+                       response.set_header("Connection", "close");
+                       throw;
                    }
                });
 

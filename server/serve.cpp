@@ -43,6 +43,10 @@ int serve(const std::filesystem::path& data, const ServeOptions& options) {
     server.set_payload_max_length(std::max(options.maxJSONBytes, options.maxBlobBytes));
     server.set_read_timeout(30);
     server.set_write_timeout(30);
+    server.set_keep_alive_max_count(1000);
+    // Headers and body go out in separate writes; Nagle would hold the body
+    // back until the client's delayed acknowledgement.
+    server.set_tcp_nodelay(true);
 
     int port = options.port;
     if (port == 0) {

@@ -96,59 +96,66 @@ void Connection::execute(const std::string& sql) {
     }
 }
 
+CachedStatement Connection::cached(const std::string& sql) {
+    auto& slot = statements_[sql];
+    if (!slot) slot = std::make_unique<Statement>(handle_.get(), sql);
+    return CachedStatement(*slot);
+}
+
 std::int64_t Connection::run(const std::string& sql, const std::vector<SqlArg>& values) {
-    Statement statement = prepare(sql);
-    statement.bindAll(values);
-    while (statement.step()) {
+    auto statement = cached(sql);
+    statement->bindAll(values);
+    while (statement->step()) {
     }
     return sqlite3_changes64(handle_.get());
 }
 
 std::optional<std::int64_t> Connection::integer(const std::string& sql, const std::vector<SqlArg>& values) {
-    Statement statement = prepare(sql);
-    statement.bindAll(values);
-    if (!statement.step() || statement.isNull(0)) return std::nullopt;
-    return statement.integer(0);
+    auto statement = cached(sql);
+    statement->bindAll(values);
+    if (!statement->step() || statement->isNull(0)) return std::nullopt;
+    return statement->integer(0);
 }
 
 std::optional<std::string> Connection::text(const std::string& sql, const std::vector<SqlArg>& values) {
-    Statement statement = prepare(sql);
-    statement.bindAll(values);
-    if (!statement.step()) return std::nullopt;
-    return statement.optionalText(0);
+    auto statement = cached(sql);
+    statement->bindAll(values);
+    if (!statement->step()) return std::nullopt;
+    return statement->optionalText(0);
 }
 
 Transaction::Transaction(Connection& connection, Kind kind) : connection_(connection) {
-    connection_.execute(kind == Kind::write ? "BEGIN IMMEDIATE;" : "BEGIN;");
+    connection_.run(kind == Kind::write ? "BEGIN IMMEDIATE;" : "BEGIN;");
 }
 
 Transaction::~Transaction() {
     if (!open_) return;
     try {
-        connection_.execute("ROLLBACK;");
+        connection_.run("ROLLBACK;");
     } catch (const StorageError&) {
         // Nothing more can be done; SQLite rolls back a broken transaction itself.
     }
 }
 
 void Transaction::commit() {
-    connection_.execute("COMMIT;");
+    connection_.run("COMMIT;");
     open_ = false;
 }
 
-Savepoint::Savepoint(Connection& connection) : connection_(connection) { connection_.execute("SAVEPOINT change;"); }
+Savepoint::Savepoint(Connection& connection) : connection_(connection) { connection_.run("SAVEPOINT change;"); }
 
 Savepoint::~Savepoint() {
     if (!open_) return;
     try {
-        connection_.execute("ROLLBACK TO change; RELEASE change;");
+        connection_.run("ROLLBACK TO change;");
+        connection_.run("RELEASE change;");
     } catch (const StorageError&) {
         // The surrounding transaction's rollback covers it.
     }
 }
 
 void Savepoint::release() {
-    connection_.execute("RELEASE change;");
+    connection_.run("RELEASE change;");
     open_ = false;
 }
 

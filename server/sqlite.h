@@ -9,6 +9,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <variant>
 #include <vector>
 
@@ -50,6 +51,20 @@ private:
     std::unique_ptr<sqlite3_stmt, Finalizer> handle_;
 };
 
+// A statement kept by its connection for reuse; reset when the handle goes.
+class CachedStatement {
+public:
+    explicit CachedStatement(Statement& statement) : statement_(&statement) {}
+    CachedStatement(const CachedStatement&) = delete;
+    CachedStatement& operator=(const CachedStatement&) = delete;
+    ~CachedStatement() { statement_->reset(); }
+    Statement* operator->() const { return statement_; }
+    Statement& operator*() const { return *statement_; }
+
+private:
+    Statement* statement_;
+};
+
 class Connection {
 public:
     // Opens (creating) the file with WAL, foreign keys and a 5 s busy time-out.
@@ -59,6 +74,9 @@ public:
     // Runs one statement to its end; gives the number of changed rows.
     std::int64_t run(const std::string& sql, const std::vector<SqlArg>& values = {});
     Statement prepare(const std::string& sql) { return Statement(handle_.get(), sql); }
+    // Prepared once per connection. Not for a statement that is still being
+    // stepped elsewhere.
+    CachedStatement cached(const std::string& sql);
     // The first column of the first row, if there is one.
     std::optional<std::int64_t> integer(const std::string& sql, const std::vector<SqlArg>& values = {});
     std::optional<std::string> text(const std::string& sql, const std::vector<SqlArg>& values = {});
@@ -68,6 +86,7 @@ private:
         void operator()(sqlite3* db) const;
     };
     std::unique_ptr<sqlite3, Closer> handle_;
+    std::unordered_map<std::string, std::unique_ptr<Statement>> statements_;
 };
 
 // BEGIN IMMEDIATE (a writer) or BEGIN (a consistent read) … COMMIT; rolled back

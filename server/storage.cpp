@@ -1,6 +1,9 @@
 #include "server/storage.h"
 
 #include "server/crypto.h"
+#include "server/unique_fd.h"
+
+#include "core/platform/file_descriptor.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,7 +16,7 @@ namespace mirel::server {
 
 namespace {
 
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
 // One generic table holds the records of every kind: the server needs the same
 // bookkeeping for each (version, change sequence, field stamps, access by
@@ -70,6 +73,7 @@ CREATE TABLE IF NOT EXISTS records (
     id TEXT NOT NULL,
     workspace_id TEXT NOT NULL,
     capture_id TEXT,
+    group_id TEXT,
     version INTEGER NOT NULL,
     seq INTEGER NOT NULL,
     row TEXT NOT NULL,
@@ -106,10 +110,11 @@ std::string readOrMakeKey(const std::filesystem::path& path) {
     std::string key = randomBytes(32);
     std::filesystem::path temporary = path;
     temporary += ".tmp";
-    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) throw std::filesystem::filesystem_error("can't write", temporary, std::error_code(errno, std::generic_category()));
-    bool ok = ::write(fd, key.data(), key.size()) == static_cast<ssize_t>(key.size()) && ::fsync(fd) == 0;
-    ::close(fd);
+    bool ok = false;
+    {
+        UniqueFD fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        ok = fd.valid() && writeAll(fd.get(), key) && ::fsync(fd.get()) == 0;
+    }
     if (!ok) throw std::filesystem::filesystem_error("can't write", temporary, std::error_code(errno, std::generic_category()));
     std::filesystem::rename(temporary, path);
     return key;
@@ -127,18 +132,24 @@ Storage::Storage(std::filesystem::path folder)
     if (version > kSchemaVersion) {
         throw StorageError("the data folder was written by a newer mirel-server (schema " + std::to_string(version) + ")");
     }
+    if (version == 1) {
+        // Version 2 keeps a capture's group beside its row, for the feed.
+        connection->execute("ALTER TABLE records ADD COLUMN group_id TEXT;"
+                            "UPDATE records SET group_id = json_extract(row, '$.group_id') WHERE kind = 'captures';");
+    }
     connection->execute(kSchema);
     connection->execute("PRAGMA user_version = " + std::to_string(kSchemaVersion) + ";");
     urlSigningKey_ = readOrMakeKey(folder_ / "url-signing.key");
 }
 
 std::int64_t Storage::currentSequence(Connection& connection) {
-    return std::stoll(connection.text("SELECT value FROM meta WHERE key = 'seq';").value_or("0"));
+    return connection.integer("SELECT CAST(value AS INTEGER) FROM meta WHERE key = 'seq';").value_or(0);
 }
 
 std::int64_t Storage::nextSequence(Connection& connection) {
-    connection.run("UPDATE meta SET value = CAST(value AS INTEGER) + 1 WHERE key = 'seq';");
-    return currentSequence(connection);
+    return connection
+        .integer("UPDATE meta SET value = CAST(value AS INTEGER) + 1 WHERE key = 'seq' RETURNING CAST(value AS INTEGER);")
+        .value();
 }
 
 }  // namespace mirel::server

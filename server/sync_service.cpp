@@ -19,7 +19,7 @@ struct Page {
     std::size_t count = 0;
     std::int64_t cursor = 0;
     bool more = false;
-    std::unordered_set<std::string> groupIDs;
+    std::unordered_set<std::string> keys;  // "kind/id" of the rows in the page
 };
 
 std::string placeholders(std::size_t count) {
@@ -28,10 +28,34 @@ std::string placeholders(std::size_t count) {
     return text;
 }
 
-void appendChange(Page& page, const std::string& kind, const std::string& rowText) {
+// False when the page holds the record already.
+bool appendChange(Page& page, const std::string& kind, const std::string& id, const std::string& rowText) {
+    if (!page.keys.insert(kind + "/" + id).second) return false;
     if (page.count++) page.items += ",";
     // Rows are stored as written by writeJSON, so they go out as they are.
     page.items += "{\"row\":" + rowText + ",\"table\":\"" + kind + "\"}";
+    return true;
+}
+
+// A record edited late sits late in the feed, behind the rows that hang on it.
+// Such a parent (the capture of an image, comment or history line, the group
+// of a capture) rides along with the page that needs it, so that every row
+// of a page can be applied.
+void addLaterParents(Connection& db, Page& page, const std::set<std::string>& workspaces,
+                     std::vector<std::pair<std::string, std::string>> wanted) {
+    auto parent = db.cached("SELECT row, seq, group_id, workspace_id FROM records WHERE kind = ? AND id = ?;");
+    while (!wanted.empty()) {
+        auto [kind, id] = wanted.back();
+        wanted.pop_back();
+        if (page.keys.count(kind + "/" + id)) continue;
+        parent->bind(1, kind).bind(2, id);
+        const bool found = parent->step() && parent->integer(1) > page.cursor && workspaces.count(parent->text(3));
+        if (found) {
+            appendChange(page, kind, id, parent->text(0));
+            if (!parent->isNull(2)) wanted.emplace_back("groups", parent->text(2));
+        }
+        parent->reset();
+    }
 }
 
 // Records after the cursor in these workspaces, oldest change first.
@@ -39,23 +63,26 @@ Page readPage(Connection& db, const std::set<std::string>& workspaces, std::int6
     Page page;
     page.cursor = latest;
     if (workspaces.empty()) return page;
-    auto s = db.prepare("SELECT kind, row, seq, id FROM records WHERE seq > ? AND gone = 0 AND workspace_id IN (" +
-                        placeholders(workspaces.size()) + ") ORDER BY seq LIMIT ?;");
+    auto s = db.prepare("SELECT kind, row, seq, id, capture_id, group_id FROM records WHERE seq > ? AND gone = 0 "
+                        "AND workspace_id IN (" + placeholders(workspaces.size()) + ") ORDER BY seq LIMIT ?;");
     int index = 1;
     s.bind(index++, cursor);
     for (const auto& id : workspaces) s.bind(index++, id);
     s.bind(index, static_cast<std::int64_t>(SyncService::kPageSize + 1));
+    std::vector<std::pair<std::string, std::string>> parents;
     while (s.step()) {
         if (page.count == SyncService::kPageSize) {
             page.more = true;
             break;
         }
         const std::string kind = s.text(0);
-        appendChange(page, kind, s.text(1));
+        appendChange(page, kind, s.text(3), s.text(1));
         page.cursor = s.integer(2);
-        if (kind == "groups") page.groupIDs.insert(s.text(3));
+        if (!s.isNull(4)) parents.emplace_back("captures", s.text(4));
+        if (!s.isNull(5)) parents.emplace_back("groups", s.text(5));
     }
-    if (!page.more) page.cursor = latest;
+    if (page.more) addLaterParents(db, page, workspaces, std::move(parents));
+    else page.cursor = latest;
     return page;
 }
 
@@ -181,8 +208,8 @@ std::string SyncService::sync(const User& user, const Json& body) {
             if (!group) continue;
             if (!actor.workspaces.count(group->workspaceID)) {
                 resync.push_back({{"id", group->id}, {"mode", "drop"}});
-            } else if (page.groupIDs.insert(group->id).second) {
-                appendChange(page, "groups", writeJSON(group->row));
+            } else {
+                appendChange(page, "groups", group->id, writeJSON(group->row));
             }
         }
         transaction.commit();

@@ -2,6 +2,7 @@
 // under $XDG_CONFIG_HOME/mirel, readable by the user alone.
 #include "core/sync/keychain_stores.h"
 
+#include "core/platform/file_descriptor.h"
 #include "core/platform/text.h"
 
 #include <fcntl.h>
@@ -72,17 +73,6 @@ bool makePrivateFolder(const std::string& path) {
     struct stat info {};
     if (::lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid()) return false;
     return (info.st_mode & 077) == 0 || ::chmod(path.c_str(), 0700) == 0;
-}
-
-bool writeAll(int fd, const std::string& data) {
-    std::size_t done = 0;
-    while (done < data.size()) {
-        const ssize_t written = ::write(fd, data.data() + done, data.size() - done);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return false;
-        done += static_cast<std::size_t>(written);
-    }
-    return true;
 }
 
 }  // namespace

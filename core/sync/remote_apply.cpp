@@ -34,6 +34,19 @@ std::set<std::string> protectedFields(const Row& row) {
     return CaptureStore::pendingFields(row.string("pending"));
 }
 
+void Assignments::dropUnchanged(const Row& stored) {
+    std::vector<std::string> columns;
+    std::vector<SQLValue> values;
+    for (std::size_t i = 0; i < columns_.size(); ++i) {
+        const SQLValue* current = stored.value(columns_[i]);
+        if (current && *current == values_[i]) continue;
+        columns.push_back(std::move(columns_[i]));
+        values.push_back(std::move(values_[i]));
+    }
+    columns_ = std::move(columns);
+    values_ = std::move(values);
+}
+
 std::string Assignments::updateSQL(const std::string& table) const {
     std::vector<std::string> parts;
     parts.reserve(columns_.size());

@@ -40,6 +40,10 @@ public:
                    SQLValue value) {
         if (!pending.count(name)) add(std::move(column), std::move(value));
     }
+    // Drops the assignments that would write what `stored` already holds, so
+    // that an unchanged echo writes nothing.
+    void dropUnchanged(const Row& stored);
+    bool empty() const { return columns_.empty(); }
     // "UPDATE {table} SET a = ?, b = ? WHERE id = ?;"; the values with the id last.
     std::string updateSQL(const std::string& table) const;
     std::vector<SQLValue> updateValues(const std::string& id) const;

@@ -70,7 +70,7 @@ void CaptureStore::applyRemoteCapture(const Json& object) {
     // process cannot land between them and lose its value.
     const bool tagsProtected = db_->transaction([&] {
         const std::vector<Row> rows =
-            db_->query("SELECT sync_state, pending FROM captures WHERE id = ?;", {SQLValue(*id)});
+            db_->query("SELECT * FROM captures WHERE id = ?;", {SQLValue(*id)});
         const bool exists = !rows.empty();
         const std::set<std::string> pending = exists ? RemoteApply::protectedFields(rows.front())
                                                      : std::set<std::string>();
@@ -85,7 +85,8 @@ void CaptureStore::applyRemoteCapture(const Json& object) {
                 update.add("sync_state", SQLValue("synced"));
                 update.add("pending", SQLValue::null());
             }
-            db_->execute(update.updateSQL("captures"), update.updateValues(*id));
+            update.dropUnchanged(rows.front());
+            if (!update.empty()) db_->execute(update.updateSQL("captures"), update.updateValues(*id));
         } else {
             Assignments insert;
             insert.add("id", SQLValue(*id));

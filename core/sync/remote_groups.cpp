@@ -28,7 +28,7 @@ void CaptureStore::applyRemoteGroup(const Json& object) {
 
     db_->transaction([&] {
         const std::vector<Row> rows =
-            db_->query("SELECT sync_state, pending FROM groups WHERE id = ?;", {SQLValue(*id)});
+            db_->query("SELECT * FROM groups WHERE id = ?;", {SQLValue(*id)});
         if (rows.empty()) {
             db_->execute(
                 "    INSERT INTO groups (id, name, color_hex, path, created_at, updated_at, sync_state, dirty,\n"
@@ -56,7 +56,8 @@ void CaptureStore::applyRemoteGroup(const Json& object) {
             update.add("sync_state", SQLValue("synced"));
             update.add("pending", SQLValue::null());
         }
-        db_->execute(update.updateSQL("groups"), update.updateValues(*id));
+        update.dropUnchanged(rows.front());
+        if (!update.empty()) db_->execute(update.updateSQL("groups"), update.updateValues(*id));
     });
 }
 

@@ -95,6 +95,9 @@ void CaptureStore::applyRemoteImage(const Json& object) {
                 update.add("sync_state", SQLValue("synced"));
                 update.add("pending", SQLValue::null());
             }
+            update.dropUnchanged(rows.front());
+            // An unchanged echo leaves the row, and with it the cover, as it is.
+            if (update.empty()) return;
             db_->execute(update.updateSQL("capture_images"), update.updateValues(*id));
         }
         refreshCover(*captureID);

@@ -112,8 +112,11 @@ private:
     // "X-Mirel-Client" when a label is set, and with `auth` the bearer token if
     // there is one. A value that could break the header block is left out.
     void addIdentityHeaders(HttpRequest& call, bool auth) const;
-    // A direct transfer to or from storage: the session's limits, no header of ours.
-    HttpResponse transferWithStorage(HttpRequest request, std::size_t maxBody, const Cancellation& cancel) const;
+    // A direct transfer to or from storage: the session's limits, no header of
+    // ours. A status outside 200..299, or an answer that isn't HTTP, is
+    // SyncError::server with `refusal`.
+    HttpResponse transferWithStorage(HttpRequest request, std::size_t maxBody, const std::string& refusal,
+                                     const Cancellation& cancel) const;
 
     // Constant after construction.
     const std::string baseURL_;

@@ -33,10 +33,19 @@ std::vector<std::pair<std::string, std::string>> storageHeaders(const Json& repl
 
 }  // namespace
 
-HttpResponse SyncClient::transferWithStorage(HttpRequest request, std::size_t maxBody,
+HttpResponse SyncClient::transferWithStorage(HttpRequest request, std::size_t maxBody, const std::string& refusal,
                                              const Cancellation& cancel) const {
     request.limits = limits_;
-    return Http::perform(request, maxBody, cancel);
+    HttpResponse response;
+    try {
+        response = Http::perform(request, maxBody, cancel);
+    } catch (const TransferError& failure) {
+        // An answer that isn't HTTP is a refusal with no status; a broken transfer passes on as it is.
+        if (failure.kind() == TransferError::Kind::notHTTP) throw SyncError::server(0, refusal);
+        throw;
+    }
+    if (response.status < 200 || response.status > 299) throw SyncError::server(response.status, refusal);
+    return response;
 }
 
 void SyncClient::ensureUploaded(const std::string& workspaceID, std::span<const std::uint8_t> data,
@@ -58,10 +67,7 @@ void SyncClient::ensureUploaded(const std::string& workspaceID, std::span<const 
         upload.body.assign(reinterpret_cast<const char*>(data.data()), data.size());
         upload.hasBody = true;
         // Storage answers are not read; a small cap keeps a chatty one harmless.
-        const HttpResponse stored = transferWithStorage(std::move(upload), 1u << 20, cancel);
-        if (stored.status < 200 || stored.status > 299) {
-            throw SyncError::server(stored.status, "storage refused the upload");
-        }
+        transferWithStorage(std::move(upload), 1u << 20, "storage refused the upload", cancel);
         request("POST", "/v1/uploads/complete", announcement, true, false, cancel);
         return;
     }
@@ -80,8 +86,8 @@ std::vector<std::uint8_t> SyncClient::downloadBlob(const std::string& workspaceI
 
     HttpRequest fetch;
     fetch.url = *url;
-    const HttpResponse blob = transferWithStorage(std::move(fetch), Http::maxBlobBytes, cancel);
-    if (blob.status < 200 || blob.status > 299) throw SyncError::server(blob.status, "storage refused the download");
+    const HttpResponse blob =
+        transferWithStorage(std::move(fetch), Http::maxBlobBytes, "storage refused the download", cancel);
     if (ContentHash::sha256(blob.body) != sha) throw mismatch;
     return std::vector<std::uint8_t>(blob.body.begin(), blob.body.end());
 }

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 namespace mirel {
 namespace {
 
@@ -78,17 +80,24 @@ TEST(EventStream, RequestCarriesTheTokenOfTheMomentAndLinesArriveAsTheyCome) {
             return false;
         });
     });
+    // Another thread's cancellation ends the silent wait at once.
     std::vector<std::string> lines;
+    std::atomic<std::size_t> count = 0;
     const Cancellation cancel;
+    std::thread canceller([&] {
+        test::waitUntil([&] { return count == 5; }, std::chrono::seconds(5));
+        cancel.cancel();
+    });
     const std::string ended = outcome([&] {
         Http::streamLines(
             request,
             [&](std::string_view line) {
                 lines.emplace_back(line);
-                if (lines.size() == 5) cancel.cancel();
+                ++count;
             },
             cancel);
     });
+    canceller.join();
     EXPECT_EQ(ended, "transfer: The request was cancelled.");
     EXPECT_EQ(lines, (std::vector<std::string>{"event: change", "data: {}", "", "event: other", ""}));
 
