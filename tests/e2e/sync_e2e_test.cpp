@@ -6,6 +6,7 @@
 #include "tests/support/dbus_session.h"
 #include "tests/support/image_files.h"
 #include "tests/support/mcp_process.h"
+#include "tests/support/server_process.h"
 
 #include <fcntl.h>
 #include <httplib.h>
@@ -113,30 +114,19 @@ protected:
         std::string pattern = (fs::temp_directory_path() / "mirel-sync-e2e-XXXXXX").string();
         if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
         scratch = pattern;
-        admin({"user", "add", kEmail, "--name", "Ada"}, "a long enough password\n");
-        admin({"workspace", "add", "team", "--name", "Team", "--owner", kEmail});
-        server = std::make_unique<Child>(
-            std::vector<std::string>{MIREL_SERVER_BINARY, "--data", (scratch / "server").string(), "--listen",
-                                     "127.0.0.1:0"},
-            std::map<std::string, std::string>{}, scratch / "server-log");
-        EXPECT_TRUE(server->waitForOutput("listening on ")) << server->err();
-        const std::string line = server->out();
-        const auto at = line.find("http://");
-        url = line.substr(at, line.find(' ', at) - at);
+        server.addUser(kEmail, "Ada");
+        server.addWorkspace("team", "Team", {kEmail});
+        url = server.url();
     }
     ~SyncEndToEnd() override {
-        if (server) {
-            server->signal(SIGTERM);
-            server->wait();
-        }
         std::error_code ignored;
         fs::remove_all(scratch, ignored);
     }
 
-    void admin(std::vector<std::string> words, const std::string& input = "") {
-        words.insert(words.begin(), {MIREL_SERVER_BINARY, "--data", (scratch / "server").string()});
-        Child child(words, {}, scratch / "admin", input);
-        EXPECT_EQ(child.wait(), 0) << child.err();
+    void approve(const std::string& signinOutput) {
+        const auto at = signinOutput.find("Code: ") + 6;
+        const auto done = server.admin({"approve", signinOutput.substr(at, signinOutput.find('\n', at) - at), "--user", kEmail});
+        EXPECT_EQ(done.status, 0) << done.text;
     }
     std::map<std::string, std::string> env(const std::string& device) {
         return {{"MIREL_HOME", (scratch / device).string()},
@@ -185,7 +175,7 @@ protected:
 
     DBusSession bus;  // change signals of each test stay on a bus of its own
     fs::path scratch;
-    std::unique_ptr<Child> server;
+    ServerProcess server;
     std::string url;
     int runs = 0;
     std::map<std::string, std::unique_ptr<McpProcess>> agents;
@@ -198,15 +188,13 @@ TEST_F(SyncEndToEnd, TwoLibrariesConvergeThroughMirelServer) {
         auto desktop = start("desktop", {"signin"});
         for (Child* child : {laptop.get(), desktop.get()}) {
             ASSERT_TRUE(child->waitForOutput("Waiting for the browser")) << child->err();
-            const std::string out = child->out();
-            EXPECT_NE(out.find(url + "/device?user_code="), std::string::npos) << out;
-            const auto at = out.find("Code: ") + 6;
-            admin({"approve", out.substr(at, out.find('\n', at) - at), "--user", kEmail});
+            EXPECT_NE(child->out().find(url + "/device?user_code="), std::string::npos) << child->out();
+            approve(child->out());
         }
         for (Child* child : {laptop.get(), desktop.get()}) {
             EXPECT_EQ(child->wait(), 0) << child->err();
             EXPECT_NE(child->out().find("Signed in as Ada (ada@example.com)."), std::string::npos) << child->out();
-            EXPECT_NE(child->out().find("* Team (team, owner)"), std::string::npos) << child->out();
+            EXPECT_NE(child->out().find("* Team (team, member)"), std::string::npos) << child->out();
         }
     }
 
