@@ -14,6 +14,14 @@ int runShow(const Arguments& arguments);
 int runDemo(const Arguments& arguments);
 int runPath(const Arguments& arguments);
 int runDoctor(const Arguments& arguments);
+// Sync (host/sync_commands.cpp).
+int runSignin(const Arguments& arguments);
+int runSync(const Arguments& arguments);
+int runWatch(const Arguments& arguments);
+int runStatus(const Arguments& arguments);
+int runWorkspace(const Arguments& arguments);
+int runAdopt(const Arguments& arguments);
+int runSignout(const Arguments& arguments);
 
 extern const char* const addUsage;
 extern const char* const listUsage;
@@ -21,5 +29,12 @@ extern const char* const showUsage;
 extern const char* const demoUsage;
 extern const char* const pathUsage;
 extern const char* const doctorUsage;
+extern const char* const signinUsage;
+extern const char* const syncUsage;
+extern const char* const watchUsage;
+extern const char* const statusUsage;
+extern const char* const workspaceUsage;
+extern const char* const adoptUsage;
+extern const char* const signoutUsage;
 
 }  // namespace mirel::host

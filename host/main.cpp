@@ -3,6 +3,7 @@
 #include "host/arguments.h"
 #include "host/commands.h"
 
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <string_view>
@@ -25,6 +26,13 @@ const Command commands[] = {
     {"demo", runDemo, &demoUsage, "fill the library with a demo board"},
     {"path", runPath, &pathUsage, "print the library's folder and database file"},
     {"doctor", runDoctor, &doctorUsage, "find (--fix: remove) what interrupted work left behind"},
+    {"signin", runSignin, &signinUsage, "sign in to the sync server with a code approved in a browser"},
+    {"sync", runSync, &syncUsage, "send and fetch changes once"},
+    {"watch", runWatch, &watchUsage, "keep syncing until interrupted"},
+    {"status", runStatus, &statusUsage, "show the account, the last sync and what waits to be sent"},
+    {"workspace", runWorkspace, &workspaceUsage, "list the workspaces, or choose the default one"},
+    {"adopt", runAdopt, &adoptUsage, "move captures filed before signing in into a workspace"},
+    {"signout", runSignout, &signoutUsage, "sign out; captures filed here stay"},
 };
 
 void printUsage(std::ostream& out) {
@@ -34,11 +42,12 @@ void printUsage(std::ostream& out) {
            "\n"
            "commands:\n";
     for (const Command& command : commands) {
-        out << "  " << command.name << std::string(8 - command.name.size(), ' ') << command.summary << '\n';
+        out << "  " << command.name << std::string(11 - std::min<std::size_t>(command.name.size(), 10), ' ')
+            << command.summary << '\n';
     }
     out << "\n"
            "Run 'mirel COMMAND --help' for a command's options. MIREL_HOME chooses the\n"
-           "library's folder.\n";
+           "library's folder; MIREL_API_URL the sync server (default http://127.0.0.1:8787).\n";
 }
 
 }  // namespace

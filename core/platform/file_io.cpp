@@ -1,0 +1,49 @@
+#include "core/platform/file_io.h"
+
+#include "core/platform/clock.h"
+#include "core/platform/file_descriptor.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+namespace mirel {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+[[noreturn]] void fail(const char* what, const fs::path& file, int code) {
+    throw fs::filesystem_error(what, file, std::error_code(code, std::generic_category()));
+}
+
+struct Descriptor {
+    int fd;
+    ~Descriptor() {
+        if (fd >= 0) ::close(fd);
+    }
+};
+
+}  // namespace
+
+void writeFileAtomically(const fs::path& file, std::string_view bytes) {
+    const fs::path temporary = file.string() + ".tmp-" + newID().substr(0, 8);
+    {
+        Descriptor out{::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)};
+        if (out.fd < 0) fail("cannot write", file, errno);
+        if (!writeAll(out.fd, bytes)) {
+            const int code = errno;
+            ::unlink(temporary.c_str());
+            fail("cannot write", file, code);
+        }
+    }
+    if (::rename(temporary.c_str(), file.c_str()) != 0) {
+        const int code = errno;
+        ::unlink(temporary.c_str());
+        fail("cannot write", file, code);
+    }
+}
+
+}  // namespace mirel

@@ -1,0 +1,16 @@
+#pragma once
+// Whole-file writes. A write lands whole or not at all: the bytes
+// go to a temporary file beside the target, which is then renamed into place,
+// so no reader ever sees half a file.
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace mirel {
+
+// Replaces `file` with `bytes`; the folder must exist. Throws
+// std::filesystem::filesystem_error naming the file, and leaves no temporary
+// file behind.
+void writeFileAtomically(const std::filesystem::path& file, std::string_view bytes);
+
+}  // namespace mirel

@@ -1,0 +1,135 @@
+// Image files travel apart from the sync exchange, by content hash: before an
+// image row's change goes out its files must be on the server, and after a
+// pull the files of images from other devices are fetched.
+#include "core/sync/sync_engine.h"
+
+#include "core/platform/change_signal.h"
+#include "core/platform/file_descriptor.h"
+#include "core/platform/file_io.h"
+#include "core/platform/text.h"
+#include "core/store/mirel_paths.h"
+#include "core/sync/content_hash.h"
+#include "core/sync/http_transfer.h"
+
+#include <algorithm>
+#include <array>
+
+namespace mirel {
+
+namespace {
+
+constexpr std::int64_t downloadsPerRun = 30;
+
+}  // namespace
+
+std::string SyncEngine::contentType(const std::string& path) {
+    const std::string ext = asciiLower(std::filesystem::path(path).extension().string());
+    if (ext == ".jpg" || ext == ".jpeg") return "image/jpeg";
+    if (ext == ".webp") return "image/webp";
+    return "image/png";
+}
+
+SyncEngine::ImageKind SyncEngine::imageKind(std::span<const std::uint8_t> data) {
+    const auto startsWith = [&](std::initializer_list<std::uint8_t> prefix, std::size_t at = 0) {
+        return data.size() >= at + prefix.size() && std::equal(prefix.begin(), prefix.end(), data.begin() + at);
+    };
+    if (startsWith({0x89, 'P', 'N', 'G'})) return {"png", "image/png"};
+    if (startsWith({0xFF, 0xD8})) return {"jpg", "image/jpeg"};
+    if (data.size() >= 13 && startsWith({'R', 'I', 'F', 'F'}) && startsWith({'W', 'E', 'B', 'P'}, 8)) {
+        return {"webp", "image/webp"};
+    }
+    return {"png", "image/png"};
+}
+
+bool SyncEngine::isPlainFileName(std::string_view text) {
+    if (text.empty() || text.size() > 64) return false;
+    return std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+    });
+}
+
+asio::awaitable<void> SyncEngine::ensureBlobs(const CaptureImage& image) {
+    const auto capture = store_.rawCapture(image.captureID);
+    if (!capture || !capture->workspaceID) co_return;  // not shared: nothing to send
+    struct File {
+        std::optional<std::string> path;
+        std::filesystem::path (*locate)(const std::string&);
+        std::optional<std::string> hash;
+    };
+    std::array<File, 3> files = {
+        File{image.imagePath.empty() ? std::nullopt : std::optional(image.imagePath), MirelPaths::imageURL,
+             image.originalSHA256},
+        File{image.annotatedPath, MirelPaths::imageURL, image.markedSHA256},
+        File{image.thumbPath, MirelPaths::thumbURL, image.thumbSHA256},
+    };
+    for (File& file : files) {
+        if (!file.path) continue;
+        // A stored path that climbs out of the library locates nothing, and
+        // reading nothing fails: the image is skipped with a warning.
+        const std::vector<std::uint8_t> data = readRegularFile(file.locate(*file.path), Http::maxBlobBytes);
+        const std::string sha = ContentHash::sha256(data);
+        if (file.hash == sha) continue;  // on the server already
+        const std::string type = contentType(*file.path);
+        co_await call([&](const Cancellation& cancel) {
+            client_.ensureUploaded(*capture->workspaceID, data, sha, type, cancel);
+        });
+        file.hash = sha;
+    }
+    store_.setImageHashes(image.id, files[0].hash, files[1].hash, files[2].hash);
+}
+
+asio::awaitable<void> SyncEngine::downloadPendingImages() {
+    const auto awaiting = store_.imagesAwaitingDownload(downloadsPerRun);
+    if (awaiting.empty()) co_return;
+    for (const auto& [image, workspaceID] : awaiting) {  // only rows with plain names are offered
+        std::optional<std::string> failure;
+        try {
+            co_await downloadImage(image, workspaceID);
+        } catch (const SyncError& error) {
+            if (error.kind() == SyncError::Kind::unauthorized || error.kind() == SyncError::Kind::offline) throw;
+            failure = error.what();
+        } catch (const std::exception& error) {
+            failure = error.what();
+        }
+        if (failure) store_.log("warn", "Download for image " + id8(image.id) + " failed: " + *failure);
+    }
+    ChangeSignal::post();
+}
+
+asio::awaitable<void> SyncEngine::downloadImage(const CaptureImage& image, const std::string& workspaceID) {
+    std::string imagePath = image.imagePath;
+    std::optional<std::string> annotatedPath = image.annotatedPath;
+    std::optional<std::string> thumbPath = image.thumbPath;
+    // Named, not temporaries: g++ 12 destroys a temporary argument of a
+    // coroutine called in a co_await twice.
+    const std::filesystem::path capturesRoot = MirelPaths::capturesRoot(), thumbsRoot = MirelPaths::thumbsRoot();
+    const std::string markedID = image.id + "-marked";
+    if (imagePath.empty() && image.originalSHA256) {
+        imagePath = co_await fetchImageFile(workspaceID, *image.originalSHA256, image.id, image.createdAt, capturesRoot);
+    }
+    // Equal hashes: the image has no separate marked-up file.
+    if (!annotatedPath && image.markedSHA256 && image.markedSHA256 != image.originalSHA256) {
+        annotatedPath =
+            co_await fetchImageFile(workspaceID, *image.markedSHA256, markedID, image.createdAt, capturesRoot);
+    }
+    if (!thumbPath && image.thumbSHA256) {
+        thumbPath = co_await fetchImageFile(workspaceID, *image.thumbSHA256, image.id, image.createdAt, thumbsRoot);
+    }
+    store_.setImagePaths(image.id, imagePath, annotatedPath, thumbPath);
+    if (const auto stored = store_.rawImage(image.id)) store_.refreshCover(stored->captureID);
+}
+
+asio::awaitable<std::string> SyncEngine::fetchImageFile(const std::string& workspaceID, const std::string& sha,
+                                                        const std::string& nameID, Date createdAt,
+                                                        const std::filesystem::path& root) {
+    const std::vector<std::uint8_t> data = co_await call(
+        [this, &workspaceID, &sha](const Cancellation& cancel) { return client_.downloadBlob(workspaceID, sha, cancel); });
+    // The extension comes from the bytes, never from a stored name.
+    const std::string relative = MirelPaths::relativeImagePath(nameID, createdAt, imageKind(data).ext);
+    const std::filesystem::path file = root / relative;
+    MirelPaths::ensureParentDirectory(file);
+    writeFileAtomically(file, std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
+    co_return relative;
+}
+
+}  // namespace mirel
