@@ -24,6 +24,7 @@ public:
 struct OptionDefinition {
     std::string name;  // without the leading "--"
     bool repeatable = false;
+    bool flag = false;  // takes no value; present or not
 };
 
 struct ParsedArguments {
@@ -38,8 +39,9 @@ struct ParsedArguments {
     std::vector<std::string> values(const std::string& name) const;
 };
 
-// Every option in `options` takes a value. A non-repeatable option given twice,
-// an unknown option or a missing value throws UsageError.
+// Every option in `options` takes a value unless it is a flag. A non-repeatable
+// option given twice, an unknown option, a missing value or a value given to a
+// flag throws UsageError.
 ParsedArguments parseArguments(const std::vector<std::string>& arguments, const std::vector<OptionDefinition>& options);
 
 // Writes "mirel {command}: {message}" and the command's usage to standard

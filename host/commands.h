@@ -13,11 +13,13 @@ int runList(const Arguments& arguments);
 int runShow(const Arguments& arguments);
 int runDemo(const Arguments& arguments);
 int runPath(const Arguments& arguments);
+int runMcpConfig(const Arguments& arguments);
 
 extern const char* const addUsage;
 extern const char* const listUsage;
 extern const char* const showUsage;
 extern const char* const demoUsage;
 extern const char* const pathUsage;
+extern const char* const mcpConfigUsage;
 
 }  // namespace mirel::host

@@ -3,6 +3,7 @@
 #include "host/arguments.h"
 #include "host/commands.h"
 
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <string_view>
@@ -24,6 +25,7 @@ const Command commands[] = {
     {"show", runShow, &showUsage, "show one capture in full"},
     {"demo", runDemo, &demoUsage, "fill the library with a demo board"},
     {"path", runPath, &pathUsage, "print the library's folder and database file"},
+    {"mcp-config", runMcpConfig, &mcpConfigUsage, "register mirel-mcp with an agent's client"},
 };
 
 void printUsage(std::ostream& out) {
@@ -33,7 +35,8 @@ void printUsage(std::ostream& out) {
            "\n"
            "commands:\n";
     for (const Command& command : commands) {
-        out << "  " << command.name << std::string(8 - command.name.size(), ' ') << command.summary << '\n';
+        out << "  " << command.name << std::string(11 - std::min<std::size_t>(command.name.size(), 10), ' ')
+            << command.summary << '\n';
     }
     out << "\n"
            "Run 'mirel COMMAND --help' for a command's options. MIREL_HOME chooses the\n"
