@@ -3,17 +3,15 @@
 // and XDG_CONFIG_HOME in a scratch folder.
 #include "tests/support/image_files.h"
 
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <cstdlib>
 #include <filesystem>
 #include <string>
-#include <vector>
 
 namespace mirel::test {
 namespace {
@@ -38,34 +36,16 @@ protected:
         fs::remove_all(home_, ignored);
     }
 
-    // `mirel mcp-config ARGUMENTS` with a library and an agent name set, so
-    // the entry has to carry both.
-    RunResult run(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {MIREL_HOST_BINARY, "mcp-config"});
-        std::vector<std::string> env = {"HOME=" + home_.string(), "XDG_CONFIG_HOME=" + (home_ / "xdg").string(),
-                                        "MIREL_HOME=" + (home_ / "library").string(), "MIREL_AGENT=claude",
-                                        "PATH=/usr/bin:/bin"};
-        std::vector<char*> argv, envp;
-        for (auto& a : arguments) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        for (auto& e : env) envp.push_back(e.data());
-        envp.push_back(nullptr);
-        const fs::path out = home_ / "stdout", err = home_ / "stderr";
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        pid_t pid = -1;
-        RunResult result;
-        if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) == 0) {
-            int status = 0;
-            if (waitpid(pid, &status, 0) == pid && WIFEXITED(status)) result.status = WEXITSTATUS(status);
-        }
-        posix_spawn_file_actions_destroy(&actions);
-        result.out = readBytes(out);
-        result.err = readBytes(err);
-        return result;
+    // `mirel mcp-config ARGUMENTS` in a bare environment with a library and an
+    // agent name set, so the entry has to carry both.
+    RunResult run(const std::string& arguments) {
+        const std::string out = (home_ / "stdout").string(), err = (home_ / "stderr").string();
+        const std::string command = "env -i PATH=/usr/bin:/bin HOME=" + home_.string() + " XDG_CONFIG_HOME=" +
+                                    (home_ / "xdg").string() + " MIREL_HOME=" + (home_ / "library").string() +
+                                    " MIREL_AGENT=claude '" MIREL_HOST_BINARY "' mcp-config " + arguments +
+                                    " </dev/null >" + out + " 2>" + err;
+        const int status = std::system(command.c_str());
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readBytes(out), readBytes(err)};
     }
 
     fs::path home_;
@@ -98,7 +78,7 @@ TEST_F(McpConfigTest, InstallKeepsEverythingElseAndLeavesABackup) {
         writeBytes(file, original);
         fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
 
-        RunResult result = run({"--client", c.client, "--install"});
+        RunResult result = run("--client " + c.client + " --install");
         ASSERT_EQ(result.status, 0) << result.err;
         EXPECT_EQ(result.out.rfind("Registered mirel-mcp for ", 0), 0u) << result.out;
         EXPECT_EQ(readBytes(file.string() + ".bak"), original);
@@ -116,7 +96,7 @@ TEST_F(McpConfigTest, InstallKeepsEverythingElseAndLeavesABackup) {
         EXPECT_EQ(OrderedJson::parse(written).dump(), expected.dump());  // same keys, same order
 
         // Again: nothing to do, nothing written.
-        result = run({"--client", c.client, "--install"});
+        result = run("--client " + c.client + " --install");
         EXPECT_EQ(result.status, 0) << result.err;
         EXPECT_NE(result.out.find("already registered"), std::string::npos) << result.out;
         EXPECT_EQ(readBytes(file), written);
@@ -124,55 +104,42 @@ TEST_F(McpConfigTest, InstallKeepsEverythingElseAndLeavesABackup) {
     }
 }
 
-TEST_F(McpConfigTest, InstallRefusesAFileItCannotParse) {
+TEST_F(McpConfigTest, InstallRefusesAFileItCannotParseAndMakesAMissingOne) {
     const std::string broken[] = {
-        "{\"mcpServers\": {\"other\": {\"command\": \"x\"}},\n",      // cut short
-        "{\n  // my servers\n  \"mcpServers\": {}\n}\n",               // comments would be lost
-        "[\"not\", \"an\", \"object\"]\n",                             // not an object
-        "{\"mcpServers\": [], \"servers\": []}\n",                     // the servers' key is no object
+        "{\"mcpServers\": {\"other\": {\"command\": \"x\"}},\n",  // cut short
+        "{\n  // my servers\n  \"mcpServers\": {}\n}\n",           // comments would be lost
+        "{\"servers\": []}\n",                                     // the servers' key is no object
+        "[\"not\", \"an\", \"object\"]\n",
     };
-    for (const ClientCase& c : clientCases) {
-        for (const std::string& text : broken) {
-            SCOPED_TRACE(c.client + ": " + text);
-            const fs::path file = home_ / c.file;
-            fs::create_directories(file.parent_path());
-            writeBytes(file, text);
-            const RunResult result = run({"--client", c.client, "--install"});
-            EXPECT_EQ(result.status, 1);
-            EXPECT_NE(result.err.find(file.string()), std::string::npos) << result.err;
-            EXPECT_EQ(readBytes(file), text);
-            EXPECT_FALSE(fs::exists(file.string() + ".bak"));
-            const std::string temporary = file.filename().string().insert(0, 1, '.') + '.';
-            for (const auto& entry : fs::directory_iterator(file.parent_path())) {
-                EXPECT_NE(entry.path().filename().string().rfind(temporary, 0), 0u)
-                    << "a temporary file is left: " << entry.path();
-            }
-        }
+    for (std::size_t i = 0; i < std::size(clientCases); ++i) {
+        SCOPED_TRACE(clientCases[i].client);
+        const fs::path file = home_ / clientCases[i].file;
+        fs::create_directories(file.parent_path());
+        writeBytes(file, broken[i]);
+        const RunResult result = run("--client " + clientCases[i].client + " --install");
+        EXPECT_EQ(result.status, 1);
+        EXPECT_NE(result.err.find(file.string()), std::string::npos) << result.err;
+        EXPECT_EQ(readBytes(file), broken[i]);
+        EXPECT_FALSE(fs::exists(file.string() + ".bak"));
+        fs::remove(file);
     }
-}
+    for (const auto& entry : fs::recursive_directory_iterator(home_)) {  // no temporary file stays
+        const std::string name = entry.path().filename().string();
+        EXPECT_TRUE(!entry.is_regular_file() || name == "stdout" || name == "stderr") << entry.path();
+    }
 
-TEST_F(McpConfigTest, InstallMakesAMissingFile) {
-    const RunResult result = run({"--client", "cursor", "--install"});
-    ASSERT_EQ(result.status, 0) << result.err;
+    const RunResult created = run("--client cursor --install");
     const fs::path file = home_ / ".cursor" / "mcp.json";
-    EXPECT_EQ(result.out, "Created " + file.string() + " with mirel-mcp registered for Cursor.\nRestart Cursor to load it.\n");
+    EXPECT_EQ(created.out, "Created " + file.string() + " with mirel-mcp registered for Cursor.\nRestart Cursor to load it.\n");
     EXPECT_EQ(OrderedJson::parse(readBytes(file))["mcpServers"]["mirel"]["command"], server);
-    EXPECT_FALSE(fs::exists(file.string() + ".bak"));
 }
 
-TEST_F(McpConfigTest, PrintsEachClientsOwnForm) {
-    RunResult result = run({"--client", "claude-code"});
+TEST_F(McpConfigTest, PrintsClaudeCodesCommandAndRefusesInstallForOthers) {
+    RunResult result = run("--client claude-code");
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "claude mcp add -e MIREL_HOME=" + (home_ / "library").string() +
                               " -e MIREL_AGENT=claude --scope user mirel -- " + server + "\n");
-
-    result = run({});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "{\n  \"mcpServers\": {\n    \"mirel\": {\n      \"command\": \"" + server +
-                              "\",\n      \"args\": [],\n      \"env\": {\n        \"MIREL_HOME\": \"" +
-                              (home_ / "library").string() + "\",\n        \"MIREL_AGENT\": \"claude\"\n      }\n    }\n  }\n}\n");
-
-    result = run({"--client", "generic", "--install"});
+    result = run("--client generic --install");
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.out, "");
 }
