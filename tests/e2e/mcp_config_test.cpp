@@ -2,9 +2,9 @@
 // file that already holds other things, driven as a child process with HOME
 // and XDG_CONFIG_HOME in a scratch folder.
 #include "tests/support/image_files.h"
+#include "tests/support/temp_library.h"
 
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -26,16 +26,6 @@ struct RunResult {
 
 class McpConfigTest : public ::testing::Test {
 protected:
-    McpConfigTest() {
-        std::string pattern = (fs::temp_directory_path() / "mirel-mcp-config-XXXXXX").string();
-        if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-        home_ = pattern;
-    }
-    ~McpConfigTest() override {
-        std::error_code ignored;
-        fs::remove_all(home_, ignored);
-    }
-
     // `mirel mcp-config ARGUMENTS` in a bare environment with a library and an
     // agent name set, so the entry has to carry both.
     RunResult run(const std::string& arguments) {
@@ -48,7 +38,8 @@ protected:
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readBytes(out), readBytes(err)};
     }
 
-    fs::path home_;
+    TempLibrary scratch_;  // stands for HOME here; the library is a folder inside it
+    const fs::path home_ = scratch_.home();
     const std::string server = (fs::path(MIREL_HOST_BINARY).parent_path() / "mirel-mcp").string();
 };
 
