@@ -6,6 +6,7 @@
 #include "host/arguments.h"
 #include "host/capture_filing.h"
 #include "host/commands.h"
+#include "host/progress.h"
 
 #include <unistd.h>
 
@@ -165,11 +166,20 @@ int runAdd(const Arguments& arguments) {
     if (auto file = parsed.value("annotate")) request.annotation = readAnnotation(*file);
 
     // Every image is read before the library is touched, so a bad one
-    // changes nothing.
-    for (const std::string& path : parsed.operands) request.images.push_back(prepareImageFile(path));
+    // changes nothing. A few images are quick; many get a progress line.
+    const std::size_t total = parsed.operands.size();
+    Progress progress;
+    const bool counting = total >= 4;
+    for (const std::string& path : parsed.operands) {
+        if (counting) progress.count("Reading images", request.images.size() + 1, total);
+        request.images.push_back(prepareImageFile(path));
+    }
+    if (counting) request.onImageReady = [&](std::size_t ready) { progress.count("Making thumbnails", ready, total); };
 
     CaptureStore store(MirelPaths::databaseURL());
-    std::cout << fileCapture(store, request) << '\n';
+    const std::string id = fileCapture(store, request);
+    progress.clear();
+    std::cout << id << '\n';
     return exitOK;
 }
 

@@ -50,7 +50,9 @@ ParsedArguments parseArguments(const std::vector<std::string>& arguments, const 
         if (!option->repeatable && parsed.has(name)) throw UsageError("--" + name + " given more than once");
 
         std::string value;
-        if (inlineValue) {
+        if (option->flag) {
+            if (inlineValue) throw UsageError("--" + name + " takes no value");
+        } else if (inlineValue) {
             value = *inlineValue;
         } else if (i + 1 < arguments.size()) {
             value = arguments[++i];

@@ -15,6 +15,9 @@ namespace mirel::host {
 inline constexpr int exitOK = 0;
 inline constexpr int exitFailure = 1;
 inline constexpr int exitUsage = 2;
+// `mirel watch` without a valid session: restarting it cannot help until the
+// user signs in again, so the background service stops on this status.
+inline constexpr int exitNeedsSignIn = 3;
 
 class UsageError : public std::runtime_error {
 public:
@@ -24,6 +27,7 @@ public:
 struct OptionDefinition {
     std::string name;  // without the leading "--"
     bool repeatable = false;
+    bool flag = false;  // takes no value; present or not
 };
 
 struct ParsedArguments {
@@ -38,8 +42,9 @@ struct ParsedArguments {
     std::vector<std::string> values(const std::string& name) const;
 };
 
-// Every option in `options` takes a value. A non-repeatable option given twice,
-// an unknown option or a missing value throws UsageError.
+// Every option in `options` takes a value unless it is a flag. A non-repeatable
+// option given twice, an unknown option, a missing value or a value given to a
+// flag throws UsageError.
 ParsedArguments parseArguments(const std::vector<std::string>& arguments, const std::vector<OptionDefinition>& options);
 
 // Writes "mirel {command}: {message}" and the command's usage to standard

@@ -158,6 +158,7 @@ std::vector<PlannedImage> planImages(const FilingRequest& request, const std::st
         plan.thumbPNG = encodePNG(thumbnail(*shown), "a thumbnail");
         row.thumbPath = MirelPaths::relativeImagePath(row.id, date, "png");
         planned.push_back(std::move(plan));
+        if (request.onImageReady) request.onImageReady(planned.size());
     }
     return planned;
 }

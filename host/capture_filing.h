@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -47,6 +48,8 @@ struct FilingRequest {
     std::vector<std::string> tags;
     // Burned into the first image when present.
     std::optional<Annotation> annotation;
+    // Told how many images are ready (thumbnail made) as filing goes on.
+    std::function<void(std::size_t ready)> onImageReady;
 };
 
 // Longest edge of a thumbnail.

@@ -22,6 +22,7 @@ int runStatus(const Arguments& arguments);
 int runWorkspace(const Arguments& arguments);
 int runAdopt(const Arguments& arguments);
 int runSignout(const Arguments& arguments);
+int runMcpConfig(const Arguments& arguments);
 
 extern const char* const addUsage;
 extern const char* const listUsage;
@@ -36,5 +37,6 @@ extern const char* const statusUsage;
 extern const char* const workspaceUsage;
 extern const char* const adoptUsage;
 extern const char* const signoutUsage;
+extern const char* const mcpConfigUsage;
 
 }  // namespace mirel::host

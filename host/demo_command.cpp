@@ -5,6 +5,7 @@
 #include "host/capture_filing.h"
 #include "host/commands.h"
 #include "host/demo_pictures.h"
+#include "host/progress.h"
 
 #include <functional>
 #include <iostream>
@@ -232,8 +233,11 @@ int runDemo(const Arguments& arguments) {
     }
 
     const Date now = Clock::now();
+    const std::vector<DemoCapture> demos = board();
+    Progress progress;
     int filed = 0;
-    for (const DemoCapture& demo : board()) {
+    for (const DemoCapture& demo : demos) {
+        progress.count("Filing demo captures", filed + 1, demos.size());
         FilingRequest request;
         request.capture.note = demo.note;
         request.capture.createdAt = now - demo.age;
@@ -256,6 +260,7 @@ int runDemo(const Arguments& arguments) {
         if (demo.afterwards) demo.afterwards(store, id, request.capture.createdAt);
         ++filed;
     }
+    progress.clear();
     std::cout << "Filed " << filed << " demo captures in " << std::size(groups) << " groups into "
               << MirelPaths::support().string() << ".\nRun 'mirel list --status all' to see them.\n";
     return exitOK;

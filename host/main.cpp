@@ -33,6 +33,7 @@ const Command commands[] = {
     {"workspace", runWorkspace, &workspaceUsage, "list the workspaces, or choose the default one"},
     {"adopt", runAdopt, &adoptUsage, "move captures filed before signing in into a workspace"},
     {"signout", runSignout, &signoutUsage, "sign out; captures filed here stay"},
+    {"mcp-config", runMcpConfig, &mcpConfigUsage, "register mirel-mcp with an agent's client"},
 };
 
 void printUsage(std::ostream& out) {

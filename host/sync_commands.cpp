@@ -6,7 +6,9 @@
 #include "host/arguments.h"
 #include "host/change_listener.h"
 #include "host/commands.h"
+#include "host/progress.h"
 #include "host/sync_host.h"
+#include "host/watch_service.h"
 
 #include <asio/post.hpp>
 #include <asio/signal_set.hpp>
@@ -164,6 +166,7 @@ int runSignin(const Arguments& arguments) {
     if (!parseBare(arguments, signinUsage)) return exitOK;
     return withSyncHost("signin", [](SyncHost& host) {
         SyncEngine& engine = host.engine();
+        Progress progress;
         std::optional<AccountInfo> account;
         try {
             host.run([&]() -> asio::awaitable<void> {
@@ -182,7 +185,11 @@ int runSignin(const Arguments& arguments) {
                     co_return;
                 }
                 engine.onStatus([&](const SyncStatus& status) {
-                    if (status.is<SyncStatus::Syncing>()) return;
+                    if (status.is<SyncStatus::Syncing>()) {
+                        progress.show("First sync: " + status.description());
+                        return;
+                    }
+                    progress.clear();
                     engine.onStatus(nullptr);
                     engine.stop();
                 });
@@ -212,7 +219,13 @@ int runSync(const Arguments& arguments) {
     return withSyncHost("sync", [](SyncHost& host) {
         SyncEngine& engine = host.engine();
         if (!engine.isSignedIn()) return notSignedIn("sync");
-        host.run([&]() -> asio::awaitable<void> { co_await engine.syncNow(); });
+        Progress progress;
+        host.run([&]() -> asio::awaitable<void> {
+            engine.onStatus([&progress](const SyncStatus& status) { progress.show(status.description()); });
+            co_await engine.syncNow();
+            engine.onStatus(nullptr);
+        });
+        progress.clear();
         const int status = reportRun("sync", engine.status());
         if (const std::string waiting = waitingToBeSent(host.store()); !waiting.empty()) {
             std::cout << "Still waiting to be sent: " << waiting << '\n';
@@ -233,7 +246,10 @@ int runWatch(const Arguments& arguments) {
         "watch",
         [](SyncHost& host) {
             SyncEngine& engine = host.engine();
-            if (!engine.isSignedIn()) return notSignedIn("watch");
+            if (!engine.isSignedIn()) {
+                notSignedIn("watch");
+                return exitNeedsSignIn;
+            }
             bool expired = false;
             std::unique_ptr<ChangeListener> listener;
             asio::signal_set signals(host.loop(), SIGINT, SIGTERM);
@@ -263,7 +279,7 @@ int runWatch(const Arguments& arguments) {
                 engine.start();
                 co_return;
             });
-            return expired ? exitFailure : exitOK;
+            return expired ? exitNeedsSignIn : exitOK;
         },
         intervals);
 }
@@ -286,6 +302,8 @@ int runStatus(const Arguments& arguments) {
         } else {
             std::cout << "Default workspace: none\n";
         }
+        std::cout << "Background sync (mirel-watch.service): " << (watchServiceActive() ? "running" : "not running")
+                  << '\n';
         std::cout << "Last sync: " << (engine.lastSync() ? localTime(*engine.lastSync()) : "never") << '\n';
         const std::string waiting = waitingToBeSent(store);
         std::cout << "Waiting to be sent: " << (waiting.empty() ? "nothing" : waiting) << '\n';

@@ -1,0 +1,139 @@
+// `mirel mcp-config`: each client's entry, and --install on a configuration
+// file that already holds other things, driven as a child process with HOME
+// and XDG_CONFIG_HOME in a scratch folder.
+#include "tests/support/image_files.h"
+#include "tests/support/temp_library.h"
+
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+namespace mirel::test {
+namespace {
+
+namespace fs = std::filesystem;
+using OrderedJson = nlohmann::ordered_json;
+
+struct RunResult {
+    int status = -1;
+    std::string out, err;
+};
+
+class McpConfigTest : public ::testing::Test {
+protected:
+    // `mirel mcp-config ARGUMENTS` in a bare environment with a library and an
+    // agent name set, so the entry has to carry both.
+    RunResult run(const std::string& arguments) {
+        const std::string out = (home_ / "stdout").string(), err = (home_ / "stderr").string();
+        const std::string command = "env -i PATH=/usr/bin:/bin HOME=" + home_.string() + " XDG_CONFIG_HOME=" +
+                                    (home_ / "xdg").string() + " MIREL_HOME=" + (home_ / "library").string() +
+                                    " MIREL_AGENT=claude '" MIREL_HOST_BINARY "' mcp-config " + arguments +
+                                    " </dev/null >" + out + " 2>" + err;
+        const int status = std::system(command.c_str());
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readBytes(out), readBytes(err)};
+    }
+
+    TempLibrary scratch_;  // stands for HOME here; the library is a folder inside it
+    const fs::path home_ = scratch_.home();
+    const std::string server = (fs::path(MIREL_HOST_BINARY).parent_path() / "mirel-mcp").string();
+};
+
+struct ClientCase {
+    std::string client;
+    std::string file;        // under the scratch HOME
+    std::string serversKey;  // where servers are kept by name
+    bool typed;              // entries say "type": "stdio"
+};
+
+const ClientCase clientCases[] = {
+    {"claude-desktop", "xdg/Claude/claude_desktop_config.json", "mcpServers", false},
+    {"claude-code", ".claude.json", "mcpServers", true},
+    {"vscode", "xdg/Code/User/mcp.json", "servers", true},
+    {"cursor", ".cursor/mcp.json", "mcpServers", false},
+};
+
+TEST_F(McpConfigTest, InstallKeepsEverythingElseAndLeavesABackup) {
+    for (const ClientCase& c : clientCases) {
+        SCOPED_TRACE(c.client);
+        const fs::path file = home_ / c.file;
+        fs::create_directories(file.parent_path());
+        // Other servers, other settings before and after, and tabs for indentation.
+        const std::string original = "{\n\t\"theme\": \"dark\",\n\t\"" + c.serversKey +
+                                     "\": {\n\t\t\"other\": {\"command\": \"/bin/other\", \"args\": [\"-v\"]}\n\t},\n"
+                                     "\t\"zoom\": 1.5,\n\t\"projects\": {\"/src\": {\"allowedTools\": []}}\n}\n";
+        writeBytes(file, original);
+        fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+
+        RunResult result = run("--client " + c.client + " --install");
+        ASSERT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(result.out.rfind("Registered mirel-mcp for ", 0), 0u) << result.out;
+        EXPECT_EQ(readBytes(file.string() + ".bak"), original);
+        EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+
+        const std::string written = readBytes(file);
+        EXPECT_EQ(written.substr(0, 3), "{\n\t");
+        OrderedJson expected = OrderedJson::parse(original);
+        OrderedJson entry = OrderedJson::object();
+        if (c.typed) entry["type"] = "stdio";
+        entry["command"] = server;
+        entry["args"] = OrderedJson::array();
+        entry["env"] = {{"MIREL_HOME", (home_ / "library").string()}, {"MIREL_AGENT", "claude"}};
+        expected[c.serversKey]["mirel"] = entry;
+        EXPECT_EQ(OrderedJson::parse(written).dump(), expected.dump());  // same keys, same order
+
+        // Again: nothing to do, nothing written.
+        result = run("--client " + c.client + " --install");
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_NE(result.out.find("already registered"), std::string::npos) << result.out;
+        EXPECT_EQ(readBytes(file), written);
+        EXPECT_EQ(readBytes(file.string() + ".bak"), original);
+    }
+}
+
+TEST_F(McpConfigTest, InstallRefusesAFileItCannotParseAndMakesAMissingOne) {
+    const std::string broken[] = {
+        "{\"mcpServers\": {\"other\": {\"command\": \"x\"}},\n",  // cut short
+        "{\n  // my servers\n  \"mcpServers\": {}\n}\n",           // comments would be lost
+        "{\"servers\": []}\n",                                     // the servers' key is no object
+        "[\"not\", \"an\", \"object\"]\n",
+    };
+    for (std::size_t i = 0; i < std::size(clientCases); ++i) {
+        SCOPED_TRACE(clientCases[i].client);
+        const fs::path file = home_ / clientCases[i].file;
+        fs::create_directories(file.parent_path());
+        writeBytes(file, broken[i]);
+        const RunResult result = run("--client " + clientCases[i].client + " --install");
+        EXPECT_EQ(result.status, 1);
+        EXPECT_NE(result.err.find(file.string()), std::string::npos) << result.err;
+        EXPECT_EQ(readBytes(file), broken[i]);
+        EXPECT_FALSE(fs::exists(file.string() + ".bak"));
+        fs::remove(file);
+    }
+    for (const auto& entry : fs::recursive_directory_iterator(home_)) {  // no temporary file stays
+        const std::string name = entry.path().filename().string();
+        EXPECT_TRUE(!entry.is_regular_file() || name == "stdout" || name == "stderr") << entry.path();
+    }
+
+    const RunResult created = run("--client cursor --install");
+    const fs::path file = home_ / ".cursor" / "mcp.json";
+    EXPECT_EQ(created.out, "Created " + file.string() + " with mirel-mcp registered for Cursor.\nRestart Cursor to load it.\n");
+    EXPECT_EQ(OrderedJson::parse(readBytes(file))["mcpServers"]["mirel"]["command"], server);
+}
+
+TEST_F(McpConfigTest, PrintsClaudeCodesCommandAndRefusesInstallForOthers) {
+    RunResult result = run("--client claude-code");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "claude mcp add -e MIREL_HOME=" + (home_ / "library").string() +
+                              " -e MIREL_AGENT=claude --scope user mirel -- " + server + "\n");
+    result = run("--client generic --install");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+}
+
+}  // namespace
+}  // namespace mirel::test
