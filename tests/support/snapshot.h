@@ -10,15 +10,22 @@
 
 namespace mirel::test {
 
+inline std::string snapshotPath(const std::string& name) {
+    return std::string(MIREL_SOURCE_DIR) + "/tests/mcp/snapshots/" + name;
+}
+
+inline std::string readSnapshot(const std::string& name) {
+    std::ifstream file(snapshotPath(name), std::ios::binary);
+    EXPECT_TRUE(file) << "missing " << snapshotPath(name);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
 inline void expectSnapshot(const std::string& name, const std::string& actual) {
-    const std::string path = std::string(MIREL_SOURCE_DIR) + "/tests/mcp/snapshots/" + name;
     if (std::getenv("MIREL_UPDATE_SNAPSHOTS")) {
-        std::ofstream(path, std::ios::binary) << actual;
+        std::ofstream(snapshotPath(name), std::ios::binary) << actual;
         return;
     }
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file) << "missing " << path;
-    EXPECT_EQ(actual, std::string(std::istreambuf_iterator<char>(file), {})) << "differs from " << path;
+    EXPECT_EQ(actual, readSnapshot(name)) << "differs from " << snapshotPath(name);
 }
 
 }  // namespace mirel::test
