@@ -47,9 +47,9 @@ protected:
         std::string out = CaptureStore(library.databasePath()).changeStamp();
         Database db(library.databasePath());
         for (const char* table : {"captures", "capture_images", "groups", "capture_tags", "activity"})
-            out += " " + std::to_string(countRows(db, std::string("SELECT COUNT(*) FROM ") + table));
+            out.append(" ").append(std::to_string(countRows(db, std::string("SELECT COUNT(*) FROM ") + table)));
         for (const auto& entry : fs::recursive_directory_iterator(library.home()))
-            if (entry.is_regular_file() && entry.path().parent_path() != library.home()) out += " " + entry.path().filename().string();
+            if (entry.is_regular_file() && entry.path().parent_path() != library.home()) out.append(" ").append(entry.path().filename());
         return out;
     }
     TempLibrary library;
@@ -71,12 +71,12 @@ TEST_F(CliTest, FilesImagesAndNoteAndShowsThemAsTheAgentWould) {
     EXPECT_EQ(std::to_string(images[1].position) + " " + std::to_string(images[1].width) + "x" + std::to_string(images[1].height),
               "1 64x48");
     const Run shown = run({"show", id.substr(0, 5)});
-    for (const std::string line : std::vector<std::string>{"Capture " + id, "Status: OPEN   Priority: High", "Mode: Window   2 screenshots",
-                                   "App: Editor (com.example.editor)", "Window: Settings", "URL: https://example.com/s",
-                                   "Display: DELL U2720Q", "Group: Checkout flow", "Tags: css, ui",
-                                   "── Note ──\nSave button is clipped\nOn the settings page\n", "captured by you (Window)"})
+    for (const std::string& line : std::vector<std::string>{"Capture " + id + "\nStatus: OPEN   Priority: High", "Mode: Window   2 screenshots",
+                                                           "App: Editor (com.example.editor)\nWindow: Settings\nURL: https://example.com/s\n"
+                                                           "Display: DELL U2720Q\nGroup: Checkout flow\nTags: css, ui\n\n── Note ──\n"
+                                                           "Save button is clipped\nOn the settings page\n", "captured by you (Window)"})
         EXPECT_NE(shown.out.find(line), std::string::npos) << line << "\n" << shown.out;
-    const std::string entry = "[" + id.substr(0, 8) + "] OPEN !high Save button is clipped\n    Editor · “Settings” · "
+    const std::string entry = std::string("[") + id.substr(0, 8) + "] OPEN !high Save button is clipped\n    Editor · “Settings” · "
                               "https://example.com/s · group:Checkout flow · tags:css,ui · 2 screenshots · ";
     EXPECT_EQ(run({"list", "--tag", "ui"}).out.substr(0, entry.size()), entry);
 
@@ -133,17 +133,14 @@ TEST_F(CliTest, AFailedAddLeavesTheLibraryAsItWas) {
     writeBytes(library.home() / "bad.json", "{\"shapes\": [");
     add({good, "--note", "Already here", "--group", "Existing", "--tag", "old"});
     const auto in = [&](const char* name) { return (library.home() / name).string(); };
-    const std::tuple<std::vector<std::string>, int, std::string, const char*> rows[] = {
+    const std::tuple<std::vector<std::string>, int, std::string, const char*> rows[] = {  // arguments, status, error, trigger
         {{good, in("notes.txt"), "--group", "New"}, 1, "notes.txt is not a PNG, JPEG or WebP image", nullptr},
         {{good, in("gone.png")}, 1, "cannot read " + in("gone.png"), nullptr},
         {{webp, in("cut.png")}, 1, "cut.png could not be decoded as PNG", nullptr},
-        {{good, "--colour", "red"}, 2, "unknown option --colour", nullptr},
-        {{good, "--tag"}, 2, "--tag needs a value", nullptr},
+        {{good, "--colour", "red"}, 2, "unknown option --colour", nullptr}, {{good, "--tag"}, 2, "--tag needs a value", nullptr},
         {{good, "--priority=urgent"}, 2, "--priority takes low, normal or high", nullptr},
-        {{good, "--mode", "text"}, 2, "--mode takes region", nullptr},
-        {{good, "--scale", "-1"}, 2, "--scale takes a positive number", nullptr},
-        {{"--note", "a", "--note-file", in("notes.txt")}, 2, "not both", nullptr},
-        {{}, 2, "nothing to file", nullptr},
+        {{good, "--mode", "text"}, 2, "--mode takes region", nullptr}, {{good, "--scale", "-1"}, 2, "--scale takes a positive", nullptr},
+        {{"--note", "a", "--note-file", in("notes.txt")}, 2, "not both", nullptr}, {{}, 2, "nothing to file", nullptr},
         {{good, "--annotate", in("bad.json")}, 1, "bad.json is not valid JSON", nullptr},
         {{good, webp, "--group", "Fresh", "--tag", "new"}, 1, "tags are frozen",
          "CREATE TRIGGER no_tags BEFORE INSERT ON capture_tags BEGIN SELECT RAISE(ABORT, 'tags are frozen'); END;"},

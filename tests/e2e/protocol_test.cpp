@@ -63,7 +63,9 @@ TEST_F(ProtocolTest, AnswersEachLineExactly) {
     };
     for (const auto& [line, reply] : exchanges) {
         server.sendLine(line);
-        if (!reply.empty()) EXPECT_EQ(server.readLine().value_or("<no reply>"), reply) << line;
+        if (!reply.empty()) {
+            EXPECT_EQ(server.readLine().value_or("<no reply>"), reply) << line;
+        }
         expectPingAnsweredNext();
     }
     for (const char* blank : {"", "   ", "\t\r", "\xE2\x80\xA8", "\xC2\x85 "}) server.sendLine(blank);
@@ -106,7 +108,9 @@ TEST_F(ProtocolTest, HostileInputNeverEndsTheServer) {
         server.sendLine(line);
         const auto got = server.readLine();
         ASSERT_TRUE(got) << line.substr(0, 100) << "\n" << server.standardError();
-        if (!reply.empty()) EXPECT_EQ(*got, reply) << line.substr(0, 100);
+        if (!reply.empty()) {
+            EXPECT_EQ(*got, reply) << line.substr(0, 100);
+        }
         expectPingAnsweredNext();
     }
     expectCleanExit();

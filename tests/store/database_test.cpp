@@ -52,12 +52,9 @@ TEST_F(DatabaseTest, RunsFirstStatementsAndNamesTheOneThatFailed) {
     const std::string script = "INSERT INTO t (x) VALUES (7); INSERT INTO nowhere VALUES (1); INSERT INTO t (x) VALUES (8);";
     EXPECT_EQ(failure([&] { db.executeRaw(script); }), "2|no such table: nowhere|" + script);
     EXPECT_EQ(xs(), "1,2,7");
-    try {
-        db.execute("INSERT INTO t (id) VALUES (1)");
-    } catch (const DatabaseError& error) {
-        EXPECT_EQ(std::string(error.what()), "SQL execution failed: UNIQUE constraint failed: t.id\nINSERT INTO t (id) VALUES (1)");
-        EXPECT_EQ(error.plainRendering(), "stepFailed(\"UNIQUE constraint failed: t.id\", sql: \"INSERT INTO t (id) VALUES (1)\")");
-    }
+    const auto error = DatabaseError::stepFailed("m", "S"), prepare = DatabaseError::prepareFailed("m", "S");
+    EXPECT_EQ(std::string(error.what()) + "|" + error.plainRendering() + "|" + prepare.what() + "|" + prepare.plainRendering(),
+              "SQL execution failed: m\nS|stepFailed(\"m\", sql: \"S\")|SQL prepare failed: m\nS|prepareFailed(\"m\", sql: \"S\")");
 }
 
 TEST_F(DatabaseTest, ATransactionCommitsWholeOrNotAtAll) {

@@ -3,7 +3,9 @@
 #include "core/store/capture_store.h"
 #include "core/store/mirel_paths.h"
 #include "tests/support/scoped_env.h"
+#include "tests/support/image_files.h"
 #include "tests/support/seed.h"
+#include "tests/support/temp_library.h"
 
 #include <gtest/gtest.h>
 
@@ -21,28 +23,22 @@ namespace {
 class PathsTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "mirel-paths-XXXXXX").string();
-        root = mkdtemp(pattern.data());
         fs::create_directories(root / "home");
         env.set("HOME", (root / "home").string());
         env.set("XDG_DATA_HOME", (root / "data").string());
         env.unset("MIREL_HOME");
     }
-    void TearDown() override { fs::remove_all(root); }
-    static std::string read(const fs::path& file) {
-        std::ifstream in(file);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
-    fs::path root;
+    test::TempLibrary scratch;
+    const fs::path root = scratch.home();
     test::ScopedEnv env;
 };
 
 TEST_F(PathsTest, TheLibraryFollowsTheEnvironmentAtEachUse) {
     const fs::path cwd = fs::current_path(), home = root / "home";
     const std::pair<std::string, fs::path> rows[] = {
-        {"/srv/library", "/srv/library"}, {"~/lib", home / "lib"}, {"~", home}, {"~root/lib", "/root/lib"},
-        {"~nosuchuser-mirel/lib", cwd / "~nosuchuser-mirel/lib"}, {"relative/lib", cwd / "relative/lib"},
-        {"  lib", cwd / "  lib"}, {"\n", cwd / "\n"}, {" \t\u00A0\u3000", root / "data/Mirel"}, {"", root / "data/Mirel"},
+        {"/srv/library", "/srv/library"}, {"~/lib", home / "lib"}, {"~", home}, {"~root/lib", "/root/lib"}, {"  lib", cwd / "  lib"},
+        {"~nosuchuser-mirel/lib", cwd / "~nosuchuser-mirel/lib"}, {"relative/lib", cwd / "relative/lib"}, {"\n", cwd / "\n"},
+        {" \t\u00A0\u3000", root / "data/Mirel"}, {"", root / "data/Mirel"},
     };
     for (const auto& [value, expected] : rows) {
         env.set("MIREL_HOME", value);
@@ -70,7 +66,8 @@ TEST_F(PathsTest, TheLibraryFollowsTheEnvironmentAtEachUse) {
 TEST_F(PathsTest, FoldersAndImagePaths) {
     env.set("MIREL_HOME", (root / "lib/nested").string());
     EXPECT_TRUE(MirelPaths::ensureDirectories());
-    for (const char* name : {"captures", "thumbs", "logs"}) EXPECT_TRUE(fs::is_directory(root / "lib/nested" / name)) << name;
+    EXPECT_TRUE(fs::is_directory(root / "lib/nested/captures") && fs::is_directory(root / "lib/nested/thumbs") &&
+                fs::is_directory(root / "lib/nested/logs"));
     std::ofstream(root / "file") << "x";
     env.set("MIREL_HOME", (root / "file").string());
     EXPECT_FALSE(MirelPaths::ensureDirectories());
@@ -103,14 +100,14 @@ TEST_F(PathsTest, AFormerLibraryMovesIntoTheDefaultPlaceOnly) {
 
     CaptureStore store(MirelPaths::databaseURL());
     EXPECT_EQ(store.capture(kept.id).value_or(Capture{}).note, "From the former app");
-    EXPECT_EQ(read(root / "data/Mirel/captures/a.png"), "png");
+    EXPECT_EQ(test::readBytes(root / "data/Mirel/captures/a.png"), "png");
     EXPECT_FALSE(fs::exists(former) || fs::exists(root / "data/Mirel/lumeto.sqlite"));
 
     // A library in place is never overwritten.
     fs::create_directories(former);
     std::ofstream(former / "lumeto.sqlite") << "older";
     MirelPaths::migrateLegacyLibraryIfNeeded();
-    EXPECT_EQ(read(former / "lumeto.sqlite"), "older");
+    EXPECT_EQ(test::readBytes(former / "lumeto.sqlite"), "older");
     EXPECT_TRUE(CaptureStore(MirelPaths::databaseURL()).capture(kept.id));
 }
 

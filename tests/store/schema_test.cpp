@@ -6,39 +6,16 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <fstream>
-#include <iterator>
-
 namespace mirel {
 namespace {
 
 std::string text(const Row& row, const char* column) { return row.string(column).value_or("NULL"); }
 
-// Every table, column, foreign key and index with what makes up the file format, one per line.
+// The schema as SQLite keeps it: every table and index as its statement.
 std::string describe(Database& db) {
-    std::vector<std::string> lines;
-    for (const Row& table : db.query("SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite_%';")) {
-        const std::string name = text(table, "name");
-        for (const Row& c : db.query("PRAGMA table_info(" + name + ")"))
-            lines.push_back(name + "." + text(c, "name") + " " + text(c, "type") + (c.boolValue("notnull") ? " NOT NULL" : "") +
-                            (c.string("dflt_value") ? " DEFAULT " + text(c, "dflt_value") : "") +
-                            (c.boolValue("pk") ? " PK" + std::to_string(*c.intValue("pk")) : ""));
-        for (const Row& fk : db.query("PRAGMA foreign_key_list(" + name + ")"))
-            lines.push_back(name + "." + text(fk, "from") + " -> " + text(fk, "table") + "." + text(fk, "to") + " ON DELETE " +
-                            text(fk, "on_delete"));
-        for (const Row& index : db.query("PRAGMA index_list(" + name + ")")) {
-            if (text(index, "origin") != "c") continue;
-            std::string columns;
-            for (const Row& c : db.query("PRAGMA index_info(" + text(index, "name") + ")"))
-                columns += (columns.empty() ? "" : ", ") + c.string("name").value_or("<expr>");
-            lines.push_back("index " + text(index, "name") + " " + name + "(" + columns + ")" +
-                            (index.boolValue("unique") ? " unique" : "") + (index.boolValue("partial") ? " partial" : ""));
-        }
-    }
-    std::sort(lines.begin(), lines.end());
     std::string out;
-    for (const auto& line : lines) out += line + "\n";
+    for (const Row& row : db.query("SELECT sql FROM sqlite_master WHERE sql IS NOT NULL ORDER BY name;"))
+        out += text(row, "sql") + ";\n";
     return out;
 }
 
@@ -60,19 +37,13 @@ void buildOldLibrary(Database& db, int v) {
     if (v >= 2) db.executeRaw("INSERT INTO capture_images (id, capture_id, image_path, created_at) VALUES ('I-1', 'C-LIVE', 'a.png', 1);");
 }
 
-TEST(SchemaTest, AnEmptyFileReachesTheSnapshotSchema) {
-    test::TempLibrary library;
-    Database db(library.databasePath());
-    Schema::migrate(db);
-    EXPECT_EQ(version(db), 5);
-    test::expectSnapshot("library_schema.txt", describe(db));
-    EXPECT_TRUE(Schema::stepSQL(0).empty() && Schema::stepSQL(6).empty());
-}
-
-TEST(SchemaTest, EveryOlderLibraryMigratesWithItsData) {
+TEST(SchemaTest, AnEmptyFileAndEveryOlderLibraryReachTheSnapshotSchema) {
     test::TempLibrary fresh;
     Database current(fresh.databasePath());
     Schema::migrate(current);
+    EXPECT_EQ(version(current), 5);
+    test::expectSnapshot("library_schema.txt", describe(current));
+    EXPECT_TRUE(Schema::stepSQL(0).empty() && Schema::stepSQL(6).empty());
     for (int v = 1; v <= 4; ++v) {
         test::TempLibrary library;
         Database db(library.databasePath());
@@ -82,15 +53,14 @@ TEST(SchemaTest, EveryOlderLibraryMigratesWithItsData) {
         EXPECT_EQ(describe(db), describe(current)) << "from version " << v;
         EXPECT_EQ(db.query("PRAGMA foreign_keys;").at(0).intValue("foreign_keys"), 1);
         std::string seen;
-        for (const Row& row : db.query("SELECT c.id, g.name, (SELECT group_concat(t.name) FROM capture_tags ct JOIN tags t "
-                                       "ON t.id = ct.tag_id WHERE ct.capture_id = c.id) AS tags, (SELECT group_concat(m.id) "
-                                       "FROM comments m WHERE m.capture_id = c.id) AS comments, (SELECT group_concat(i.image_path) "
-                                       "FROM capture_images i WHERE i.capture_id = c.id) AS images FROM captures c "
-                                       "LEFT JOIN groups g ON g.id = c.group_id ORDER BY c.id;"))
-            seen += text(row, "id") + " " + text(row, "name") + " " + text(row, "tags") + " " + text(row, "comments") + " " +
-                    text(row, "images") + "\n";
-        EXPECT_EQ(seen, "c-gone Alpha NULL NULL NULL\nc-live Alpha bug m-1 a.png\nc-text NULL NULL NULL " +
-                            std::string(v == 1 ? "\n" : "NULL\n"))
+        for (const Row& row : db.query(
+                 "SELECT c.id || ' ' || COALESCE(g.name, '-') || ' ' || COALESCE((SELECT group_concat(t.name) FROM capture_tags ct "
+                 "JOIN tags t ON t.id = ct.tag_id WHERE ct.capture_id = c.id), '-') || ' ' || COALESCE((SELECT group_concat(m.id) "
+                 "FROM comments m WHERE m.capture_id = c.id), '-') || ' ' || COALESCE((SELECT group_concat(i.image_path) FROM "
+                 "capture_images i WHERE i.capture_id = c.id), '-') AS line FROM captures c LEFT JOIN groups g ON g.id = c.group_id "
+                 "ORDER BY c.id;"))
+            seen += text(row, "line") + "\n";
+        EXPECT_EQ(seen, "c-gone Alpha - - -\nc-live Alpha bug m-1 a.png\nc-text - - - " + std::string(v == 1 ? "\n" : "-\n"))
             << "from version " << v;
         // The foreign keys follow the renames.
         db.execute("DELETE FROM captures WHERE id = 'c-live';");
@@ -98,24 +68,9 @@ TEST(SchemaTest, EveryOlderLibraryMigratesWithItsData) {
     }
 }
 
-TEST(SchemaTest, ALaterLibraryIsLeftAloneAndAFailedStepKeepsItsVersion) {
+TEST(SchemaTest, AFailedStepKeepsTheVersionAndALaterLibraryIsLeftAlone) {
     test::TempLibrary library;
-    {
-        Database db(library.databasePath());
-        db.executeRaw("CREATE TABLE later (x); PRAGMA user_version = 6;");
-    }
-    std::ifstream before(library.databasePath(), std::ios::binary);
-    const std::string bytes{std::istreambuf_iterator<char>(before), {}};
-    {
-        Database db(library.databasePath());
-        Schema::migrate(db);
-        EXPECT_EQ(version(db), 6);
-    }
-    std::ifstream after(library.databasePath(), std::ios::binary);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(after), {}), bytes);
-
-    test::TempLibrary broken;
-    Database db(broken.databasePath());
+    Database db(library.databasePath());
     buildOldLibrary(db, 4);
     db.executeRaw("ALTER TABLE captures ADD COLUMN workspace_id TEXT;");
     try {
@@ -125,6 +80,9 @@ TEST(SchemaTest, ALaterLibraryIsLeftAloneAndAFailedStepKeepsItsVersion) {
         EXPECT_EQ(error.sql(), Schema::stepSQL(5));
     }
     EXPECT_EQ(version(db), 4);
+    db.executeRaw("PRAGMA user_version = 6;");
+    Schema::migrate(db);
+    EXPECT_EQ(version(db), 6);
 }
 
 }  // namespace

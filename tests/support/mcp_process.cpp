@@ -92,7 +92,7 @@ std::optional<std::string> McpProcess::readLine(std::chrono::milliseconds timeou
         if (!fill(deadline)) return std::nullopt;
     std::string line = buffer_.substr(0, end);
     buffer_.erase(0, end + 1);
-    if (json) EXPECT_TRUE(parseJSON(line)) << "standard output carried a line that is not JSON: " << line.substr(0, 300);
+    EXPECT_TRUE(!json || parseJSON(line)) << "standard output carried a line that is not JSON: " << line.substr(0, 300);
     return line;
 }
 
