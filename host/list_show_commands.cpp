@@ -1,13 +1,13 @@
 // `mirel list` and `mirel show`: the board as the agent's tools word it.
+#include "core/format/format.h"
+#include "core/format/pages.h"
 #include "core/platform/text.h"
 #include "core/store/capture_store.h"
 #include "core/store/mirel_paths.h"
 #include "host/arguments.h"
 #include "host/commands.h"
-#include "mcp/tools/format.h"
 
 #include <iostream>
-#include <map>
 
 namespace mirel::host {
 
@@ -55,11 +55,6 @@ std::optional<std::string> nonEmpty(const std::optional<std::string>& text) {
     return text;
 }
 
-std::int64_t countFor(const std::map<std::string, std::int64_t>& counts, const std::string& id) {
-    auto found = counts.find(id);
-    return found == counts.end() ? 0 : found->second;
-}
-
 }  // namespace
 
 int runList(const Arguments& arguments) {
@@ -81,25 +76,10 @@ int runList(const Arguments& arguments) {
     CaptureStore store(MirelPaths::databaseURL());
     const std::vector<Capture> captures = store.captures(query);
     if (captures.empty()) {
-        std::vector<std::string> names;
-        for (CaptureStatus status : *query.statuses) names.emplace_back(displayName(status));
-        std::cout << "No captures match (status: " << join(names, " / ") << ").\n";
+        std::cout << Format::noCapturesMatch(*query.statuses) << '\n';
         return exitOK;
     }
-
-    std::map<std::string, std::string> groupNames;
-    for (const CaptureGroup& group : store.groups()) groupNames[group.id] = group.name;
-    const auto comments = store.commentCounts();
-    const auto images = store.imageCounts();
-    for (const Capture& capture : captures) {
-        std::optional<std::string> groupName;
-        if (capture.groupID) {
-            if (auto found = groupNames.find(*capture.groupID); found != groupNames.end()) groupName = found->second;
-        }
-        std::cout << Format::listLine(capture, groupName, store.tags(capture.id), countFor(comments, capture.id),
-                                      countFor(images, capture.id))
-                  << '\n';
-    }
+    for (const std::string& entry : Pages::listEntries(store, captures)) std::cout << entry << '\n';
     return exitOK;
 }
 
@@ -126,17 +106,9 @@ int runShow(const Arguments& arguments) {
             status = exitFailure;
             continue;
         }
-        std::optional<std::string> groupName;
-        if (capture->groupID) {
-            if (auto group = store.group(*capture->groupID)) groupName = group->name;
-        }
-        const auto images = store.images(capture->id);
-        const auto tags = store.tags(capture->id);
-        const auto comments = store.comments(capture->id);
-        const auto activity = store.activity(capture->id);
         if (!first) std::cout << '\n';
         first = false;
-        std::string detail = Format::detail(*capture, groupName, tags, comments, activity, images);
+        const std::string detail = Pages::detail(store, *capture).text;
         std::cout << detail;
         if (detail.empty() || detail.back() != '\n') std::cout << '\n';
     }

@@ -33,6 +33,19 @@ char32_t decodeAt(std::string_view s, std::size_t i, std::size_t& length) {
     return cp;
 }
 
+// Calls visit(scalar, at, length) for each scalar of `s` in order; a bad
+// sequence comes as kInvalid, one byte long.
+template <class Visit>
+void forEachScalar(std::string_view s, Visit visit) {
+    std::size_t i = 0;
+    while (i < s.size()) {
+        std::size_t length;
+        const char32_t c = decodeAt(s, i, length);
+        visit(c, i, length);
+        i += length;
+    }
+}
+
 bool isBlank(char32_t c) {
     return c == 0x09 || c == 0x20 || c == 0xA0 || c == 0x1680 || (c >= 0x2000 && c <= 0x200A) ||
            c == 0x202F || c == 0x205F || c == 0x3000;
@@ -47,16 +60,12 @@ std::string trim(std::string_view s, Predicate trimmed) {
     // Walk scalars forwards, remembering where the kept span starts and ends.
     std::size_t start = s.size();
     std::size_t end = 0;
-    std::size_t i = 0;
-    while (i < s.size()) {
-        std::size_t length;
-        const char32_t c = decodeAt(s, i, length);
+    forEachScalar(s, [&](char32_t c, std::size_t at, std::size_t length) {
         if (c == kInvalid || !trimmed(c)) {
-            if (start == s.size()) start = i;
-            end = i + length;
+            if (start == s.size()) start = at;
+            end = at + length;
         }
-        i += length;
-    }
+    });
     if (start >= end) return {};
     return std::string(s.substr(start, end - start));
 }
@@ -113,26 +122,16 @@ template <class Mapping>
 std::string mapScalars(std::string_view s, Mapping map) {
     std::string out;
     out.reserve(s.size());
-    std::size_t i = 0;
-    while (i < s.size()) {
-        std::size_t length;
-        const char32_t c = decodeAt(s, i, length);
-        if (c == kInvalid) out.append(s.substr(i, length));
+    forEachScalar(s, [&](char32_t c, std::size_t at, std::size_t length) {
+        if (c == kInvalid) out.append(s.substr(at, length));
         else appendUTF8(out, map(c));
-        i += length;
-    }
+    });
     return out;
 }
 
 std::vector<char32_t> lowerScalars(std::string_view s) {
     std::vector<char32_t> out;
-    std::size_t i = 0;
-    while (i < s.size()) {
-        std::size_t length;
-        const char32_t c = decodeAt(s, i, length);
-        out.push_back(c == kInvalid ? c : simpleLower(c));
-        i += length;
-    }
+    forEachScalar(s, [&](char32_t c, std::size_t, std::size_t) { out.push_back(c == kInvalid ? c : simpleLower(c)); });
     return out;
 }
 
@@ -151,14 +150,10 @@ std::string repairUTF8(std::string_view text) {
     if (firstHigh == text.size()) return std::string(text);
     std::string out;
     out.reserve(text.size());
-    std::size_t i = 0;
-    while (i < text.size()) {
-        std::size_t length;
-        const char32_t c = decodeAt(text, i, length);
+    forEachScalar(text, [&](char32_t c, std::size_t at, std::size_t length) {
         if (c == kInvalid) appendUTF8(out, 0xFFFD);
-        else out.append(text.substr(i, length));
-        i += length;
-    }
+        else out.append(text.substr(at, length));
+    });
     return out;
 }
 

@@ -95,10 +95,6 @@ std::optional<GroupVisibility> groupVisibilityFrom(std::string_view raw) { retur
 
 // ---- Capture ----
 
-std::string Capture::shortID() const {
-    return id.size() <= 8 ? id : id.substr(id.size() - 8);
-}
-
 std::string Capture::title() const {
     const std::size_t lineEnd = firstLineBreak(note);
     const std::string first = trimBlanks(std::string_view(note).substr(0, lineEnd));

@@ -85,7 +85,6 @@ struct Capture {
 
     bool isShared() const { return workspaceID.has_value() && !localOnly; }
     bool hasImage() const { return !imagePath.empty(); }
-    std::string shortID() const;   // the last eight characters of the id
     std::string title() const;     // first line, trimmed, or "Untitled capture/issue[ in {app}]"
     std::string noteBody() const;  // after the first line, trimmed
     std::filesystem::path imageURL() const;

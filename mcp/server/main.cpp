@@ -1,9 +1,10 @@
 // mirel-mcp: a local MCP server over the user's Mirel library, speaking
 // line-delimited JSON-RPC on standard input and output.
+#include "core/platform/file_descriptor.h"
 #include "core/store/database_error.h"
 #include "core/store/mirel_paths.h"
+#include "mcp/server/log.h"
 #include "mcp/server/mirel_mcp_server.h"
-#include "mcp/tools/log.h"
 
 #include <unistd.h>
 
@@ -21,15 +22,6 @@ std::string plainRendering(const std::exception& error) {
     return error.what();
 }
 
-void writeStderr(const std::string& text) {
-    std::size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t n = ::write(STDERR_FILENO, text.data() + written, text.size() - written);
-        if (n <= 0) return;
-        written += static_cast<std::size_t>(n);
-    }
-}
-
 // The library could not be opened: two writes on standard error, nothing on
 // standard output, exit status 1.
 int fatal(const std::string& error) {
@@ -40,8 +32,9 @@ int fatal(const std::string& error) {
     } catch (const std::exception&) {
         path = "(no home folder)";
     }
-    writeStderr("Mirel could not open its library at " + path +
-                ".\nLaunch the Mirel app once to create it, then reconnect this MCP server.\n");
+    mirel::writeAll(STDERR_FILENO,
+                    "Mirel could not open its library at " + path +
+                        ".\nLaunch the Mirel app once to create it, then reconnect this MCP server.\n");
     return 1;
 }
 

@@ -2,7 +2,7 @@
 
 #include "core/platform/text.h"
 #include "core/store/mirel_paths.h"
-#include "mcp/tools/log.h"
+#include "mcp/server/log.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,7 +1,8 @@
+#include "core/format/format.h"
+#include "core/format/pages.h"
 #include "core/platform/text.h"
 #include "core/store/mirel_paths.h"
 #include "mcp/server/mirel_mcp_server.h"
-#include "mcp/tools/format.h"
 #include "mcp/tools/image_encoder.h"
 
 #include <exception>
@@ -16,7 +17,7 @@ Json resourceEntry(const Capture& capture) {
     std::vector<std::string> parts;
     if (capture.appName) parts.push_back("Seen in " + *capture.appName);
     // The raw title, as stored: the list does not judge whether it says anything.
-    if (capture.windowTitle) parts.push_back("\u201C" + *capture.windowTitle + "\u201D");
+    if (capture.windowTitle) parts.push_back(Format::quoted(*capture.windowTitle));
     parts.push_back(Format::statusWord(capture.status));
     return Json{{"uri", std::string(uriPrefix) + capture.id},
                 {"name", capture.title()},
@@ -67,16 +68,8 @@ void MirelMCPServer::handleResourceRead(const JSONRPC::Request& request) {
             transport_.send(JSONRPC::error(request.id, JSONRPC::ErrorCode::invalidParams, "No capture at " + uri + "."));
             return;
         }
-        std::optional<std::string> groupName;
-        if (capture->groupID)
-            if (const auto group = store_->group(*capture->groupID)) groupName = group->name;
-        const auto tags = store_->tags(capture->id);
-        const auto comments = store_->comments(capture->id);
-        const auto activity = store_->activity(capture->id);
-        const auto images = store_->images(capture->id);
-        contents.push_back(Json{{"uri", uri},
-                                {"mimeType", "text/plain"},
-                                {"text", Format::detail(*capture, groupName, tags, comments, activity, images)}});
+        contents.push_back(
+            Json{{"uri", uri}, {"mimeType", "text/plain"}, {"text", Pages::detail(*store_, *capture).text}});
         // Only the unmarked main image travels here; get_capture sends the set.
         if (!capture->imagePath.empty())
             if (const auto png = ImageEncoder::encode(MirelPaths::imageURL(capture->imagePath), 1400))

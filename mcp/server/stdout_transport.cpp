@@ -1,10 +1,10 @@
 #include "mcp/server/stdout_transport.h"
 
-#include "mcp/tools/log.h"
+#include "core/platform/file_descriptor.h"
+#include "mcp/server/log.h"
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <exception>
 #include <string>
 
@@ -22,17 +22,9 @@ void StdoutTransport::send(const Json& message) {
     }
 
     std::lock_guard<std::mutex> guard(lock_);
-    // One write for the whole line; the loop only finishes a write that a
-    // signal cut short. A client that went away is noticed by the next read.
-    const char* data = line.data();
-    std::size_t left = line.size();
-    while (left > 0) {
-        const ssize_t n = ::write(STDOUT_FILENO, data, left);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        data += n;
-        left -= static_cast<std::size_t>(n);
-    }
+    // One write for the whole line. A client that went away is noticed by the
+    // next read.
+    writeAll(STDOUT_FILENO, line);
 }
 
 }  // namespace mirel

@@ -1,6 +1,6 @@
+#include "core/format/format.h"
 #include "core/platform/text.h"
-#include "mcp/tools/format.h"
-#include "mcp/tools/tool_registry.h"
+#include "mcp/tools/tool.h"
 
 #include <algorithm>
 #include <map>
@@ -27,11 +27,11 @@ std::vector<std::string> idPrefixes(const std::vector<Capture>& captures, std::s
     return prefixes;
 }
 
-}  // namespace
-
-ToolResult ToolRegistry::listGroups() {
-    const auto groups = store_.groups();
-    const auto allOpen = store_.captures(boardQuery(CaptureStatuses::active, std::nullopt, 1000));
+// Arguments are not read.
+ToolResult listGroups(const ToolContext& context, const Json&) {
+    CaptureStore& store = context.store;
+    const auto groups = store.groups();
+    const auto allOpen = store.captures(boardQuery(CaptureStatuses::active, std::nullopt, 1000));
     std::vector<Capture> ungrouped;
     std::copy_if(allOpen.begin(), allOpen.end(), std::back_inserter(ungrouped),
                  [](const Capture& capture) { return !capture.groupID; });
@@ -40,8 +40,8 @@ ToolResult ToolRegistry::listGroups() {
 
     std::vector<std::string> lines;
     for (const auto& group : groups) {
-        const auto open = store_.captures(boardQuery(CaptureStatuses::active, group.id, 1000));
-        const auto total = store_.captures(boardQuery(std::nullopt, group.id, 1000)).size();
+        const auto open = store.captures(boardQuery(CaptureStatuses::active, group.id, 1000));
+        const auto total = store.captures(boardQuery(std::nullopt, group.id, 1000)).size();
         std::string heading = group.name + " \u2014 " + std::to_string(open.size()) + " open of " + std::to_string(total);
         if (group.path && !group.path->empty()) heading += " \u00B7 bound to " + *group.path;
         lines.push_back(heading);
@@ -62,8 +62,10 @@ ToolResult ToolRegistry::listGroups() {
     return ToolResult::text(join(lines, "\n"));
 }
 
-ToolResult ToolRegistry::captureStats() {
-    const auto counts = store_.countsByStatus();
+// Arguments are not read.
+ToolResult captureStats(const ToolContext& context, const Json&) {
+    CaptureStore& store = context.store;
+    const auto counts = store.countsByStatus();
     const auto count = [&](CaptureStatus status) {
         const auto it = counts.find(status);
         return std::to_string(it == counts.end() ? 0 : it->second);
@@ -71,7 +73,7 @@ ToolResult ToolRegistry::captureStats() {
     std::vector<std::string> lines = {"Open: " + count(CaptureStatus::open) + "   In progress: " +
                                       count(CaptureStatus::inProgress) + "   Resolved: " +
                                       count(CaptureStatus::resolved) + "   Archived: " + count(CaptureStatus::archived)};
-    const auto open = store_.captures(boardQuery(CaptureStatuses::active, std::nullopt, 500));
+    const auto open = store.captures(boardQuery(CaptureStatuses::active, std::nullopt, 500));
     if (open.empty()) return ToolResult::text(lines.front());
 
     std::map<std::string, std::int64_t> byApp;  // std::string orders by bytes: UTF-8 keeps scalar order
@@ -91,10 +93,27 @@ ToolResult ToolRegistry::captureStats() {
 
     lines.push_back("");
     lines.push_back("Open work by app: " + join(items, ", "));
-    lines.push_back("Oldest still open: [" + Format::idPrefix(oldest->id) + "] \u201C" + oldest->title() +
-                    "\u201D \u2014 " + Format::relative(oldest->createdAt));
+    lines.push_back("Oldest still open: [" + Format::idPrefix(oldest->id) + "] " +
+                    Format::quoted(oldest->title()) + " \u2014 " + Format::relative(oldest->createdAt));
     if (high > 0) lines.push_back("High priority open: " + std::to_string(high));
     return ToolResult::text(join(lines, "\n"));
+}
+
+}  // namespace
+
+std::vector<Tool> boardOverviewTools() {
+    return {
+        Tool::make("list_groups",
+                   "List the groups captures are filed under. A group is a topic — \"design panel\", \"arabic "
+                   "mode\", \"checkout flow\" — and it is the fastest way to pick up a themed batch of related bugs "
+                   "instead of working them one at a time. Returns each group's open and total counts plus the ids "
+                   "of what is open in it, so those can go straight into get_capture.",
+                   {}, {}, listGroups),
+        Tool::make("capture_stats",
+                   "Board summary: how many captures are open, in progress, resolved and archived, and where the "
+                   "open ones are concentrated.",
+                   {}, {}, captureStats),
+    };
 }
 
 }  // namespace mirel

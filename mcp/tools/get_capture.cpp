@@ -1,13 +1,15 @@
+#include "core/format/pages.h"
 #include "core/platform/text.h"
 #include "core/store/mirel_paths.h"
-#include "mcp/tools/format.h"
 #include "mcp/tools/image_encoder.h"
+#include "mcp/tools/tool.h"
 #include "mcp/tools/tool_arguments.h"
-#include "mcp/tools/tool_registry.h"
 
 namespace mirel {
 
 namespace {
+
+using ToolSchema::property;
 
 constexpr std::size_t maxIDs = 6;
 constexpr int imageBudget = 8;
@@ -25,9 +27,7 @@ std::vector<std::string> readIDs(const Json& arguments) {
     return ids;
 }
 
-}  // namespace
-
-ToolResult ToolRegistry::getCapture(const Json& arguments) {
+ToolResult getCapture(const ToolContext& context, const Json& arguments) {
     const auto ids = readIDs(arguments);
     if (ids.empty()) return ToolResult::failure("Pass `id` (one capture) or `ids` (up to 6).");
     if (ids.size() > maxIDs)
@@ -41,23 +41,17 @@ ToolResult ToolRegistry::getCapture(const Json& arguments) {
     int attached = 0;
 
     for (const auto& id : ids) {
-        const auto fullID = store_.resolveCaptureID(id);
-        const auto capture = fullID ? store_.capture(*fullID) : std::nullopt;
+        const auto fullID = context.store.resolveCaptureID(id);
+        const auto capture = fullID ? context.store.capture(*fullID) : std::nullopt;
         if (!capture) {
             missing.push_back(id);
             continue;
         }
-        std::optional<std::string> groupName;
-        if (capture->groupID)
-            if (const auto group = store_.group(*capture->groupID)) groupName = group->name;
-        const auto images = store_.images(capture->id);
-        const auto tags = store_.tags(capture->id);
-        const auto comments = store_.comments(capture->id);
-        const auto activity = store_.activity(capture->id);
-        result.content.push_back(
-            ToolResult::textBlock(Format::detail(*capture, groupName, tags, comments, activity, images)));
+        const auto page = Pages::detail(context.store, *capture);
+        result.content.push_back(ToolResult::textBlock(page.text));
         if (!includeImage) continue;
 
+        const auto& images = page.images;
         if (!images.empty()) {
             const std::size_t n = images.size();
             for (std::size_t i = 0; i < n; ++i) {
@@ -99,6 +93,32 @@ ToolResult ToolRegistry::getCapture(const Json& arguments) {
         result.content.push_back(ToolResult::textBlock("Could not resolve: " + join(missing, ", ") +
                                                        ". Call list_captures for current ids."));
     return result;
+}
+
+}  // namespace
+
+std::vector<Tool> getCaptureTools() {
+    return {Tool::make(
+        "get_capture",
+        "Look at one or more captures in full: returns every screenshot on the capture plus the note, the "
+        "app/window/URL it was taken in, tags, comments and history. This is the tool that lets you actually "
+        "see the UI bug. A capture may hold several screenshots, and any of them may carry marks the user drew "
+        "on top — arrows, boxes or blurred-out regions — which are burned into what you receive, so treat them "
+        "as the user pointing at something. An issue filed without a screenshot comes back as text only; go by "
+        "the note and the app it was filed from. Accepts a full id or a short id prefix as shown by "
+        "list_captures.",
+        {
+            {"id", property("string", "Capture id, or a unique prefix of one.")},
+            {"ids", property("array", "Several capture ids at once (max 6). Use instead of `id`.",
+                             ToolSchema::stringItems())},
+            {"include_image", property("boolean", "Attach the screenshot. Default true.")},
+            {"max_image_edge",
+             property("integer",
+                      "Downscale so the longest edge is at most this many pixels. Default 1400. Raise for fine "
+                      "detail, lower to save tokens.",
+                      Json{{"minimum", 200}, {"maximum", 4000}})},
+        },
+        {}, getCapture)};
 }
 
 }  // namespace mirel

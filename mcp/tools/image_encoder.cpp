@@ -3,7 +3,7 @@
 #include <cmath>
 
 #include "core/image/image.h"
-#include "mcp/tools/log.h"
+#include "mcp/server/log.h"
 
 namespace mirel::ImageEncoder {
 

@@ -1,13 +1,14 @@
+#include "core/format/format.h"
+#include "core/format/pages.h"
 #include "core/platform/text.h"
-#include "mcp/tools/format.h"
+#include "mcp/tools/tool.h"
 #include "mcp/tools/tool_arguments.h"
-#include "mcp/tools/tool_registry.h"
-
-#include <map>
 
 namespace mirel {
 
 namespace {
+
+using ToolSchema::property;
 
 // A status filter is never refused: unknown words drop out, and an empty
 // result means the active statuses.
@@ -22,9 +23,7 @@ std::vector<CaptureStatus> readStatuses(const Json& arguments) {
     return statuses.empty() ? CaptureStatuses::active : statuses;
 }
 
-}  // namespace
-
-ToolResult ToolRegistry::listCaptures(const Json& arguments) {
+ToolResult listCaptures(const ToolContext& context, const Json& arguments) {
     CaptureQuery query;
     query.statuses = readStatuses(arguments);
     query.groupName = ToolArguments::nonEmptyText(arguments, "group");
@@ -36,46 +35,39 @@ ToolResult ToolRegistry::listCaptures(const Json& arguments) {
     query.offset = 0;
     query.newestFirst = true;
 
-    const auto captures = store_.captures(query);
-    if (captures.empty()) {
-        std::vector<std::string> names;
-        for (const auto status : *query.statuses) names.emplace_back(displayName(status));
-        return ToolResult::text("No captures match (status: " + join(names, " / ") + "). The board is clear.");
-    }
-
-    std::map<std::string, std::string> groupNames;
-    for (const auto& group : store_.groups()) groupNames.emplace(group.id, group.name);
-    // Counts and tags for the listed captures only, each in one statement, so
-    // a page of the list costs the same on a board of any size.
-    std::vector<std::string> ids;
-    for (const auto& capture : captures) ids.push_back(capture.id);
-    const auto commentCounts = store_.commentCounts(ids);
-    const auto imageCounts = store_.imageCounts(ids);
-    const auto tags = store_.tagsByCapture(ids);
-    const auto countOf = [](const std::map<std::string, std::int64_t>& counts, const std::string& id) {
-        const auto it = counts.find(id);
-        return it == counts.end() ? std::int64_t{0} : it->second;
-    };
-    const auto tagsOf = [&tags](const std::string& id) {
-        const auto it = tags.find(id);
-        return it == tags.end() ? std::vector<std::string>{} : it->second;
-    };
+    const auto captures = context.store.captures(query);
+    if (captures.empty()) return ToolResult::text(Format::noCapturesMatch(*query.statuses) + " The board is clear.");
 
     std::vector<std::string> lines;
     lines.push_back(std::to_string(captures.size()) + (captures.size() == 1 ? " capture:" : " captures:"));
     lines.push_back("");
-    for (const auto& capture : captures) {
-        std::optional<std::string> groupName;
-        if (capture.groupID) {
-            const auto it = groupNames.find(*capture.groupID);
-            if (it != groupNames.end()) groupName = it->second;
-        }
-        lines.push_back(Format::listLine(capture, groupName, tagsOf(capture.id),
-                                         countOf(commentCounts, capture.id), countOf(imageCounts, capture.id)));
-    }
+    for (auto& entry : Pages::listEntries(context.store, captures)) lines.push_back(std::move(entry));
     lines.push_back("");
     lines.push_back("Call get_capture with an id to see the screenshot.");
     return ToolResult::text(join(lines, "\n"));
+}
+
+}  // namespace
+
+std::vector<Tool> listCapturesTools() {
+    return {Tool::make(
+        "list_captures",
+        "List captures from the Mirel board. Each capture is a UI issue the user filed — usually a screenshot "
+        "plus a note, sometimes just a note (marked \"no screenshot\"). Returns a compact one-line-per-item "
+        "summary with the note, the app/window/URL where it was seen, tags, and status — but not the image. "
+        "Call get_capture to actually look at a screenshot. Defaults to everything still open or in progress, "
+        "newest first.",
+        {
+            {"status", property("array", "Statuses to include. Omit for open + in_progress.",
+                                Json{{"items", property("string", nullptr, ToolSchema::statusEnum())}})},
+            {"group", property("string", "Only captures in this group (by name).")},
+            {"tag", property("string", "Only captures carrying this tag.")},
+            {"search", property("string", "Substring match against note, app name, window title and URL.")},
+            {"priority", property("string", nullptr, ToolSchema::priorityEnum())},
+            {"limit", property("integer", "Max results (default 25, max 200).",
+                               Json{{"minimum", 1}, {"maximum", 200}})},
+        },
+        {}, listCaptures)};
 }
 
 }  // namespace mirel

@@ -1,23 +1,42 @@
 #include "mcp/tools/tool_registry.h"
 
 #include "core/store/database_error.h"
-#include "mcp/tools/log.h"
+#include "mcp/server/log.h"
+#include "mcp/tools/tool.h"
 
 #include <exception>
 
 namespace mirel {
 
+namespace {
+
+// Every tool, in catalogue order.
+const std::vector<Tool>& tools() {
+    static const std::vector<Tool> all = [] {
+        std::vector<Tool> joined;
+        for (auto family : {listCapturesTools, getCaptureTools, workTools, updateCaptureTools, boardOverviewTools})
+            for (auto& tool : family()) joined.push_back(std::move(tool));
+        return joined;
+    }();
+    return all;
+}
+
+}  // namespace
+
+const Json& ToolRegistry::definitions() {
+    static const Json definitions = [] {
+        Json list = Json::array();
+        for (const auto& tool : tools()) list.push_back(tool.definition);
+        return list;
+    }();
+    return definitions;
+}
+
 ToolResult ToolRegistry::call(const std::string& name, const Json& arguments) {
+    const ToolContext context{store_, defaultAgent_};
     try {
-        if (name == "list_captures") return listCaptures(arguments);
-        if (name == "get_capture") return getCapture(arguments);
-        if (name == "claim_capture") return claimCapture(arguments);
-        if (name == "comment_on_capture") return commentOnCapture(arguments);
-        if (name == "resolve_capture") return resolveCapture(arguments);
-        if (name == "reopen_capture") return reopenCapture(arguments);
-        if (name == "update_capture") return updateCapture(arguments);
-        if (name == "list_groups") return listGroups();
-        if (name == "capture_stats") return captureStats();
+        for (const auto& tool : tools())
+            if (tool.definition.at("name") == name) return tool.run(context, arguments);
         return ToolResult::failure("Unknown tool: " + name);
     } catch (const DatabaseError& error) {
         logLine("tool " + name + " failed: " + error.plainRendering());

@@ -1,12 +1,14 @@
+#include "core/format/format.h"
 #include "core/platform/clock.h"
 #include "core/platform/text.h"
-#include "mcp/tools/format.h"
+#include "mcp/tools/tool.h"
 #include "mcp/tools/tool_arguments.h"
-#include "mcp/tools/tool_registry.h"
 
 namespace mirel {
 
 namespace {
+
+using ToolSchema::property;
 
 const std::string arrow = " \u2192 ";
 
@@ -25,13 +27,12 @@ CaptureGroup newGroup(const std::string& name) {
     return group;
 }
 
-}  // namespace
-
-ToolResult ToolRegistry::updateCapture(const Json& arguments) {
-    auto found = resolve(arguments);
+ToolResult updateCapture(const ToolContext& context, const Json& arguments) {
+    auto found = context.findCapture(arguments);
     if (auto* problem = std::get_if<ToolResult>(&found)) return std::move(*problem);
     Capture updated = std::get<Capture>(found);
-    const std::string who = actor(arguments);
+    const std::string who = context.actor(arguments);
+    CaptureStore& store = context.store;
     std::vector<std::string> changes;
     std::optional<CaptureStatus> newStatus;
 
@@ -46,9 +47,9 @@ ToolResult ToolRegistry::updateCapture(const Json& arguments) {
         }
     }
     if (const auto name = ToolArguments::nonEmptyText(arguments, "group")) {
-        auto group = store_.groupNamed(*name, std::nullopt);
+        auto group = store.groupNamed(*name, std::nullopt);
         // Created here, and kept whatever happens later in this call.
-        if (!group) group = store_.upsertGroup(newGroup(*name));
+        if (!group) group = store.upsertGroup(newGroup(*name));
         if (updated.groupID != group->id) {
             updated.groupID = group->id;
             changes.push_back("group" + arrow + group->name);
@@ -58,15 +59,15 @@ ToolResult ToolRegistry::updateCapture(const Json& arguments) {
         if (const auto status = captureStatusFrom(*word); status && *status != updated.status) newStatus = status;
     }
 
-    store_.update(updated);
+    store.update(updated);
     if (newStatus) {
         // setStatus carries the status's side effects and its own history line.
-        store_.setStatus(updated.id, *newStatus, who);
+        store.setStatus(updated.id, *newStatus, who);
         changes.push_back("status" + arrow + std::string(displayName(*newStatus)));
     }
     // A tags argument always counts as a change, even when it matches.
     if (const auto tags = ToolArguments::textList(arguments, "tags")) {
-        store_.setTags(*tags, updated.id);
+        store.setTags(*tags, updated.id);
         changes.push_back("tags" + arrow + (tags->empty() ? std::string("(none)") : join(*tags, ", ")));
     }
 
@@ -74,8 +75,27 @@ ToolResult ToolRegistry::updateCapture(const Json& arguments) {
         return ToolResult::text("Nothing to change on [" + Format::idPrefix(updated.id) +
                                 "] \u2014 the values already match.");
     const std::string list = join(changes, ", ");
-    store_.recordActivity(updated.id, "updated", list, who, newID(), Clock::now(), std::nullopt, false);
+    store.recordActivity(updated.id, "updated", list, who, newID(), Clock::now(), std::nullopt, false);
     return ToolResult::text("Updated [" + Format::idPrefix(updated.id) + "]: " + list + ".");
+}
+
+}  // namespace
+
+std::vector<Tool> updateCaptureTools() {
+    return {Tool::make(
+        "update_capture",
+        "Edit a capture's fields: rewrite the note, change priority or status, move it to a group, or set its "
+        "tags. Only the fields you pass are changed.",
+        {
+            {"id", property("string", ToolSchema::captureID)},
+            {"note", property("string")},
+            {"priority", property("string", nullptr, ToolSchema::priorityEnum())},
+            {"status", property("string", nullptr, ToolSchema::statusEnum())},
+            {"group", property("string", "Group name. Created if it does not exist.")},
+            {"tags", property("array", "Replaces the existing tag set.", ToolSchema::stringItems())},
+            {"agent", property("string")},
+        },
+        {"id"}, updateCapture)};
 }
 
 }  // namespace mirel

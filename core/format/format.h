@@ -1,6 +1,8 @@
 #pragma once
-// Record-to-text formatters shared by the tools and the resources. They touch
-// neither the store nor the disk (paths are computed, not opened).
+// How records read as text, wherever they are shown: the agent's tools and
+// resources and the `mirel` command line. These formatters touch neither the
+// store nor the disk (paths are computed, not opened); pages.h reads what they
+// need from the store.
 #include "core/store/records.h"
 
 #include <optional>
@@ -13,6 +15,10 @@ namespace mirel::Format {
 std::string idPrefix(const std::string& id);
 // "OPEN", "IN-PROGRESS", "RESOLVED", "ARCHIVED".
 std::string statusWord(CaptureStatus status);
+// The text in curly double quotes: “text”.
+std::string quoted(const std::string& text);
+// "No captures match (status: Open / In Progress)." for an empty list.
+std::string noCapturesMatch(const std::vector<CaptureStatus>& statuses);
 
 // Two lines: "[prefix] STATUS [!high] title" and "    app · “window” · …".
 std::string listLine(const Capture& capture, const std::optional<std::string>& groupName,

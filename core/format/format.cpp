@@ -1,4 +1,4 @@
-#include "mcp/tools/format.h"
+#include "core/format/format.h"
 
 #include "core/platform/clock.h"
 #include "core/platform/text.h"
@@ -52,8 +52,6 @@ std::string withThousands(const std::string& number) {
     return out;
 }
 
-std::string quoted(const std::string& text) { return "\u201C" + text + "\u201D"; }
-
 // "[text]", built by appending: g++ 12 warns falsely (-Wrestrict) on a
 // one-character literal put in front of a temporary string.
 std::string bracketed(const std::string& text) {
@@ -92,6 +90,14 @@ std::string statusWord(CaptureStatus status) {
         case CaptureStatus::archived: return "ARCHIVED";
     }
     return "OPEN";
+}
+
+std::string quoted(const std::string& text) { return "\u201C" + text + "\u201D"; }
+
+std::string noCapturesMatch(const std::vector<CaptureStatus>& statuses) {
+    std::vector<std::string> names;
+    for (const auto status : statuses) names.emplace_back(displayName(status));
+    return "No captures match (status: " + join(names, " / ") + ").";
 }
 
 std::string listLine(const Capture& capture, const std::optional<std::string>& groupName,

@@ -1,4 +1,4 @@
-#include "mcp/tools/format.h"
+#include "core/format/format.h"
 
 #include "core/platform/clock.h"
 #include "core/store/mirel_paths.h"

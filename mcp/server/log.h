@@ -1,4 +1,6 @@
 #pragma once
+// The server's log on standard error (standard output carries protocol lines
+// only). The one header of mcp/server that the tools include.
 #include <string_view>
 
 namespace mirel {
