@@ -1,48 +1,26 @@
 #include "tests/support/seed.h"
 
+// Only what a builder sets is named; the rest keeps the record's defaults.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 namespace mirel::test {
 
 Capture makeCapture(const std::string& note, Date createdAt, bool withImage) {
-    Capture c;
-    c.id = newID();
-    c.createdAt = c.updatedAt = createdAt;
-    c.note = note;
-    if (withImage) {
-        c.imagePath = "2024/05/" + c.id + ".png";
-        c.thumbPath = c.imagePath;
-        c.imageWidth = 800;
-        c.imageHeight = 600;
-        c.imageBytes = 12345;
-    } else {
-        c.captureMode = CaptureMode::text;
-    }
+    Capture c{.id = newID(), .createdAt = createdAt, .updatedAt = createdAt, .note = note};
+    if (!withImage) c.captureMode = CaptureMode::text;
+    else c.imagePath = *(c.thumbPath = "2024/05/" + c.id + ".png"), c.imageWidth = 800, c.imageHeight = 600, c.imageBytes = 12345;
     return c;
 }
 
 CaptureImage makeImage(const std::string& captureID, std::int64_t position, Date createdAt) {
-    CaptureImage image;
-    image.id = newID();
-    image.captureID = captureID;
-    image.position = position;
-    image.imagePath = "2024/05/" + image.id + ".png";
-    image.thumbPath = image.imagePath;
-    image.width = 800;
-    image.height = 600;
-    image.bytes = 12345;
-    image.createdAt = createdAt;
-    return image;
+    const std::string id = newID(), path = "2024/05/" + id + ".png";
+    return {.id = id, .captureID = captureID, .position = position, .imagePath = path, .thumbPath = path, .width = 800,
+            .height = 600, .bytes = 12345, .createdAt = createdAt};
 }
 
 Comment makeComment(const std::string& captureID, const std::string& body, const std::string& author, bool isAgent,
                     Date createdAt) {
-    Comment comment;
-    comment.id = newID();
-    comment.captureID = captureID;
-    comment.author = author;
-    comment.isAgent = isAgent;
-    comment.body = body;
-    comment.createdAt = createdAt;
-    return comment;
+    return {.id = newID(), .captureID = captureID, .author = author, .isAgent = isAgent, .body = body, .createdAt = createdAt};
 }
 
 }  // namespace mirel::test
