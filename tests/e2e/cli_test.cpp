@@ -4,7 +4,6 @@
 #include "core/store/capture_store.h"
 #include "tests/support/image_files.h"
 #include "tests/support/mcp_process.h"
-#include "tests/support/store_probe.h"
 #include "tests/support/temp_library.h"
 
 #include <gtest/gtest.h>
@@ -47,7 +46,7 @@ protected:
         std::string out = CaptureStore(library.databasePath()).changeStamp();
         Database db(library.databasePath());
         for (const char* table : {"captures", "capture_images", "groups", "capture_tags", "activity"})
-            out.append(" ").append(std::to_string(countRows(db, std::string("SELECT COUNT(*) FROM ") + table)));
+            out.append(" ").append(std::to_string(*db.query(std::string("SELECT COUNT(*) AS n FROM ") + table).at(0).intValue("n")));
         for (const auto& entry : fs::recursive_directory_iterator(library.home()))
             if (entry.is_regular_file() && entry.path().parent_path() != library.home()) out.append(" ").append(entry.path().filename());
         return out;
