@@ -104,6 +104,9 @@ TEST(AnnotationRenderer, BlurPixelatesItsRegionOnlyAndLiesUnderTheMarks) {
     const auto marked = AnnotationRenderer::render({{arrow, blur}}, square);
     EXPECT_EQ(marked->pixels, AnnotationRenderer::render({{blur, arrow}}, square)->pixels);
     EXPECT_EQ(marked->at(100, 100), 0xFF34C759);
+    // A highlight's multiplying ink stays with the highlight: a mark after it is drawn plainly.
+    const auto highlight = shape(AnnotationTool::highlight, {{0.1, 0.1}, {0.9, 0.1}});
+    EXPECT_EQ(AnnotationRenderer::render({{highlight, arrow}}, square)->at(100, 100), 0xFF34C759);
     // Overlapping blurs are each built from the original.
     EXPECT_EQ(AnnotationRenderer::render({{blur, other}}, square)->at(170, 170),
               AnnotationRenderer::render({{other}}, square)->at(170, 170));
