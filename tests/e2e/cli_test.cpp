@@ -173,6 +173,7 @@ TEST_F(CliTest, ExitStatusesUsageAndTheDemoBoard) {
         EXPECT_EQ(result.status, status) << join(arguments, " ") << "\n" << result.err;
         EXPECT_NE(result.out.find(out), std::string::npos) << join(arguments, " ") << ": " << result.out;
         EXPECT_TRUE(*err ? result.err.find(err) != std::string::npos : result.err.empty()) << join(arguments, " ") << ": " << result.err;
+        EXPECT_FALSE(result.err.ends_with("\n\n")) << join(arguments, " ") << ": usage ends in a blank line";
     }
     // Two demo runs: the second reuses the groups and files every capture again.
     CaptureStore store(library.databasePath());
