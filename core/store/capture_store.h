@@ -9,6 +9,15 @@
 //   capture_groups.cpp     groups
 //   capture_tags_comments.cpp  tags, comments and activity
 //   capture_ledger.cpp     the pending-change ledger
+// and, for the sync side, in core/sync/:
+//   outgoing_changes.cpp   change objects for a push, acknowledgement
+//   remote_captures.cpp    remote captures, dropCapture
+//   remote_images.cpp      remote images, dropImage, rawImage
+//   image_transfers.cpp    what blob upload and download read and write
+//   remote_groups.cpp      remote groups and members, dropGroup, remapGroup
+//   remote_people.cpp      remote comments and activity, people, workspaces
+//   adoption.cpp           adopt, local-only, dropping, purge, the sync log
+#include "core/platform/json.h"
 #include "core/store/database.h"
 #include "core/store/records.h"
 
@@ -109,6 +118,88 @@ public:
     std::vector<Comment> pendingComments(std::int64_t limit);
     void markSynced(const std::string& table, const std::string& id, const std::optional<std::int64_t>& version);
     static std::set<std::string> pendingFields(const std::optional<std::string>& json);
+
+    // ======== Sync side (defined in core/sync/) ========
+    // Remote objects are untrusted JSON: an object whose ids could not safely
+    // name a row or a file is skipped, and nothing but DatabaseError escapes.
+
+    // ---- Outgoing changes ----
+    // The change object of one ledger row, or absent when it has nothing to send.
+    std::optional<Json> captureChange(const Pending& pending);
+    std::optional<Json> groupChange(const Pending& pending);
+    static std::optional<Json> imageChange(const Pending& pending, const CaptureImage& image);
+    static Json commentChange(const Comment& comment);
+    // Acknowledges `sentChange`, built from `collected`, in one transaction.
+    // Clears the ledger like markSynced(table, id, version) unless the row was
+    // edited again while the change was in flight (by any process): then the
+    // version moves, and the fields whose value now differs from the one sent,
+    // and any marked since, stay pending. True when the row is clean.
+    bool markSynced(const Pending& collected, const Json& sentChange, const std::optional<std::int64_t>& version);
+    void markCommentSynced(const std::string& id);
+
+    // ---- Remote captures and images ----
+    void applyRemoteCapture(const Json& object);
+    void dropCapture(const std::string& id);
+    void applyRemoteImage(const Json& object);
+    void dropImage(const std::string& id);
+    std::optional<CaptureImage> rawImage(const std::string& id);  // soft-deleted too
+
+    // ---- Image transfers ----
+    struct AwaitingDownload {
+        CaptureImage image;
+        std::string workspaceID;
+    };
+    // Images whose files are wanted, newest first. Rows whose id or hashes
+    // could not name a file or a blob are never offered.
+    std::vector<AwaitingDownload> imagesAwaitingDownload(std::int64_t limit);
+    // Written by the blob upload; the ledger entry that brought the row there
+    // sends the new hashes.
+    void setImageHashes(const std::string& id, const std::optional<std::string>& originalSHA256,
+                        const std::optional<std::string>& markedSHA256,
+                        const std::optional<std::string>& thumbSHA256);
+    // Written by the image download; touches no ledger column.
+    void setImagePaths(const std::string& id, const std::string& imagePath,
+                       const std::optional<std::string>& annotatedPath, const std::optional<std::string>& thumbPath);
+
+    // ---- Remote groups and members ----
+    void applyRemoteGroup(const Json& object);
+    void applyRemoteGroupMember(const Json& object);
+    void dropGroup(const std::string& id);
+    // Folds a local group into the server's canonical one, also when that one
+    // has no row here yet (the local row then stands in for it under its id).
+    void remapGroup(const std::string& from, const std::string& to);
+    std::vector<std::string> groupMemberIDs(const std::string& groupID);
+
+    // ---- Remote comments, activity, people, workspaces ----
+    void applyRemoteComment(const Json& object);
+    void applyRemoteActivity(const Json& object);
+    void applyRemotePerson(const Json& object);
+    void upsertPerson(const Person& person);
+    std::optional<std::string> personName(const std::string& id);
+    std::vector<Person> people();
+    std::optional<Person> person(const std::string& id);
+    std::vector<Person> assignableCandidates();
+    void replaceWorkspaces(const std::vector<Workspace>& workspaces);
+    std::vector<Workspace> workspaces();
+
+    // ---- Adoption, dropping, purge, the sync log ----
+    void adopt(const std::string& captureID, const std::string& workspaceID);
+    std::vector<Capture> localCaptures();
+    void markLocalOnly(const std::string& captureID);
+    void dropWorkspace(const std::string& id);
+    void purgeAccountData();
+    std::vector<std::string> syncedCaptureIDs();
+    struct SyncLogLine {
+        std::int64_t id = 0;
+        Date at = 0;
+        std::string level;
+        std::string message;
+        bool operator==(const SyncLogLine&) const = default;
+    };
+    void log(const std::string& level, const std::string& message) noexcept;  // keeps the last 501 lines
+    std::vector<SyncLogLine> syncLog(std::int64_t limit);                      // newest first
+
+    // ======== End of the sync side ========
 
     // ---- Row decoders: never fail, put fallbacks in place of bad data ----
     static Capture decodeCapture(const Row& row);

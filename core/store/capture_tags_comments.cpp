@@ -52,6 +52,11 @@ void CaptureStore::replaceTags(const std::vector<std::string>& names, const std:
         if (!tag.empty()) normalised.insert(std::move(tag));
     }
     db_->transaction([&] {
+        // The same set again writes nothing: sync echoes repeat it all the time.
+        const std::vector<std::string> current = tags(captureID);
+        if (std::set<std::string>(current.begin(), current.end()) == normalised && current.size() == normalised.size()) {
+            return;
+        }
         db_->execute("DELETE FROM capture_tags WHERE capture_id = ?;", {SQLValue(captureID)});
         for (const std::string& name : normalised) {
             std::string tagID;

@@ -1,0 +1,116 @@
+// Device sign-in as a client and a browser see it, and what a client can't
+// see: the token never rests in the data folder.
+#include "tests/support/server_process.h"
+
+#include "core/sync/content_hash.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+namespace mirel::test {
+namespace {
+
+const Json kCodeRequest{{"client_id", "mirel-desktop"}, {"scope", "openid profile email"}};
+
+class SignInTest : public ::testing::Test {
+protected:
+    void SetUp() override { server.addUser("ann@example.com", "Ann"); }
+
+    Json requestCode() { return server.call("POST", "/api/auth/device/code", kCodeRequest).body; }
+
+    ServerProcess::Reply poll(const Json& code) {
+        return server.call("POST", "/api/auth/device/token",
+                           Json{{"grant_type", "urn:ietf:params:oauth:grant-type:device_code"},
+                                {"device_code", code["device_code"]},
+                                {"client_id", "mirel-desktop"}});
+    }
+
+    // Posts the verification page's form as a browser would.
+    httplib::Result submitPage(const std::string& fields) {
+        httplib::Client browser("127.0.0.1", server.port());
+        return browser.Post("/device", fields, "application/x-www-form-urlencoded");
+    }
+
+    std::string dataFolderBytes() {
+        std::string all;
+        for (const auto& entry : std::filesystem::directory_iterator(server.data())) {
+            if (!entry.is_regular_file()) continue;
+            std::ifstream in(entry.path(), std::ios::binary);
+            std::ostringstream bytes;
+            bytes << in.rdbuf();
+            all += bytes.str();
+        }
+        return all;
+    }
+
+    ServerProcess server;
+};
+
+TEST_F(SignInTest, BrowserApprovalGivesATokenThatOnlyItsHashRemembersAndSignOutEnds) {
+    const Json code = requestCode();
+    EXPECT_EQ(code["verification_uri"], server.url() + "/device");
+    EXPECT_EQ(code["verification_uri_complete"], server.url() + "/device?user_code=" + code["user_code"].get<std::string>());
+    EXPECT_EQ(code["interval"], 2);
+    EXPECT_EQ(code["expires_in"], 600);
+
+    auto pending = poll(code);
+    EXPECT_EQ(pending.status, 400);
+    EXPECT_EQ(pending.body["error"], "authorization_pending");
+    EXPECT_EQ(poll(code).body["error"], "slow_down") << "a second poll at once is too fast";
+
+    httplib::Client browser("127.0.0.1", server.port());
+    auto page = browser.Get("/device?user_code=" + code["user_code"].get<std::string>());
+    ASSERT_TRUE(page);
+    EXPECT_NE(page->body.find("value=\"" + code["user_code"].get<std::string>() + "\""), std::string::npos);
+    EXPECT_EQ(page->get_header_value("X-Frame-Options"), "DENY");
+
+    // The code is typed loosely; a wrong password is refused and says so.
+    std::string typed = code["user_code"].get<std::string>();
+    typed.erase(4, 1);
+    for (auto& c : typed) c = static_cast<char>(std::tolower(c));
+    auto wrong = submitPage("user_code=" + typed + "&email=ann%40example.com&password=nope&decision=approve");
+    ASSERT_TRUE(wrong);
+    EXPECT_EQ(wrong->status, 403);
+    EXPECT_NE(wrong->body.find("E-mail or password is wrong."), std::string::npos);
+    auto right = submitPage("user_code=" + typed + "&email=ann%40example.com&password=correct+horse+battery&decision=approve");
+    ASSERT_TRUE(right);
+    EXPECT_EQ(right->status, 200);
+    EXPECT_NE(right->body.find("Signed in as ann@example.com"), std::string::npos);
+
+    auto granted = poll(code);
+    ASSERT_EQ(granted.status, 200) << granted.text;
+    const std::string token = granted.body["access_token"];
+    EXPECT_EQ(token.size(), 64u);
+    EXPECT_EQ(poll(code).body["error"], "expired_token") << "a code gives one token";
+
+    auto me = server.call("GET", "/v1/me", std::nullopt, token);
+    ASSERT_EQ(me.status, 200);
+    EXPECT_EQ(me.body["user"]["email"], "ann@example.com");
+
+    const std::string stored = dataFolderBytes();
+    EXPECT_EQ(stored.find(token), std::string::npos) << "the token itself is in the data folder";
+    EXPECT_NE(stored.find(ContentHash::sha256(token)), std::string::npos);
+
+    EXPECT_EQ(server.call("POST", "/api/auth/sign-out", Json::object(), token).status, 200);
+    auto after = server.call("GET", "/v1/me", std::nullopt, token);
+    EXPECT_EQ(after.status, 401);
+    EXPECT_EQ(after.body["error"]["code"], "unauthorized");
+}
+
+TEST_F(SignInTest, DeniedAndUnknownCodesEndThePolling) {
+    const Json code = requestCode();
+    auto denied = submitPage("user_code=" + code["user_code"].get<std::string>() + "&decision=deny");
+    ASSERT_TRUE(denied);
+    EXPECT_EQ(denied->status, 200);
+    EXPECT_EQ(poll(code).body["error"], "access_denied");
+    EXPECT_EQ(poll(Json{{"device_code", "0000"}}).body["error"], "expired_token");
+
+    auto approveTwice = server.admin({"approve", code["user_code"], "--user", "ann@example.com"});
+    EXPECT_EQ(approveTwice.status, 1);
+    EXPECT_NE(approveTwice.text.find("unknown or has expired"), std::string::npos) << approveTwice.text;
+}
+
+}  // namespace
+}  // namespace mirel::test

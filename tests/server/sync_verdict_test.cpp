@@ -1,0 +1,216 @@
+// The verdict on each pushed change, as one table: what was there before (pushed
+// by two devices of one user), the change, and what the server answers and
+// writes.
+#include "tests/support/server_process.h"
+
+#include "core/sync/content_hash.h"
+
+#include <gtest/gtest.h>
+
+namespace mirel::test {
+namespace {
+
+struct Push {
+    char device;  // 'a' or 'b'
+    Json change;
+};
+
+struct VerdictCase {
+    const char* name;
+    std::vector<Push> before;
+    Push change;
+    const char* status;
+    std::optional<int> version = std::nullopt;
+    std::vector<std::string> conflicts = {};
+    bool retry = false;
+    const char* canonicalID = nullptr;
+    Json rowAfter = nullptr;                  // fields of the record as the reply's changes carry it
+    std::vector<std::string> history = {};    // activity kinds written by the change
+    bool conflictNote = false;
+};
+
+Json change(const char* table, const char* id, int base, Json patch) {
+    return Json{{"table", table}, {"id", id}, {"base_version", base}, {"patch", std::move(patch)}};
+}
+Json capture(const char* id, int base, Json patch) { return change("captures", id, base, std::move(patch)); }
+Json newCapture(const char* id) {
+    return capture(id, 0, {{"workspace_id", "WS"}, {"note", "first"}, {"status", "open"}, {"priority", "normal"},
+                           {"tags", Json::array()}, {"capture_mode", "region"}, {"created_at", "2024-05-01T10:00:00.000Z"}});
+}
+Json group(const char* id, int base, Json patch) { return change("groups", id, base, std::move(patch)); }
+Json newGroup(const char* id, const char* name) { return group(id, 0, {{"workspace_id", "WS"}, {"name", name}}); }
+Json image(const char* id, const char* captureID, const char* sha) {
+    return change("capture_images", id, 0, {{"capture_id", captureID}, {"original_sha256", sha}, {"width", 10}, {"height", 10}});
+}
+Json comment(const char* id, const char* captureID) {
+    return Json{{"table", "comments"}, {"id", id}, {"patch", {{"capture_id", captureID}, {"body", "looks off"}, {"kind", "comment"}}}};
+}
+Json tombstone(const char* table, const char* id, int base) {
+    return Json{{"table", table}, {"id", id}, {"base_version", base}, {"delete", true}};
+}
+
+std::vector<VerdictCase> verdictCases() {
+    return {
+    {"a new capture is applied at version 1", {}, {'a', newCapture("c")}, "applied", 1, {}, false, nullptr,
+     {{"note", "first"}, {"author_id", "ANN"}}, {"created"}},
+    {"an edit on the current version is applied", {{'a', newCapture("c")}}, {'a', capture("c", 1, {{"note", "second"}})},
+     "applied", 2, {}, false, nullptr, {{"note", "second"}}},
+    {"a stale base merges the fields nobody else changed",
+     {{'a', newCapture("c")}, {'a', capture("c", 1, {{"note", "by a"}})}},
+     {'b', capture("c", 1, {{"priority", "high"}})}, "merged", 3, {}, false, nullptr,
+     {{"note", "by a"}, {"priority", "high"}}},
+    {"a stale base keeps the server's value where another device changed the field",
+     {{'a', newCapture("c")}, {'a', capture("c", 1, {{"note", "by a"}})}},
+     {'b', capture("c", 1, {{"note", "by b"}, {"priority", "low"}})}, "merged", 3, {"note"}, false, nullptr,
+     {{"note", "by a"}, {"priority", "low"}}, {}, true},
+    {"a stale base wins where the same device changed the field last",
+     {{'a', newCapture("c")}, {'b', capture("c", 1, {{"note", "by b"}})}},
+     {'b', capture("c", 1, {{"note", "by b again"}})}, "merged", 3, {}, false, nullptr, {{"note", "by b again"}}},
+    {"an equal value is no conflict and no new version",
+     {{'a', newCapture("c")}, {'a', capture("c", 1, {{"note", "same"}})}},
+     {'b', capture("c", 1, {{"note", "same"}})}, "merged", 2},
+    {"resolving writes one resolved line", {{'a', newCapture("c")}},
+     {'a', capture("c", 1, {{"status", "resolved"}, {"resolution_ref", "abc123"}, {"resolved_at", "2024-05-02T10:00:00Z"}})},
+     "applied", 2, {}, false, nullptr, {{"status", "resolved"}, {"resolved_at", "2024-05-02T10:00:00.000Z"}}, {"resolved"}},
+    {"claiming writes one claimed line", {{'a', newCapture("c")}},
+     {'a', capture("c", 1, {{"status", "in_progress"}, {"claimed_by_id", "ANN"}, {"claimed_label", "agent · Ann"},
+                            {"assignee_id", "ANN"}})},
+     "applied", 2, {}, false, nullptr, nullptr, {"claimed"}},
+    {"a status change and a move write their lines", {{'a', newGroup("g", "Moves")}, {'a', newCapture("c")}},
+     {'a', capture("c", 1, {{"status", "archived"}, {"group_id", "g"}})}, "applied", 2, {}, false, nullptr,
+     {{"group_id", "g"}}, {"status_changed", "moved"}},
+    {"a new group with a taken name is remapped", {{'a', newGroup("g", "Checkout")}},
+     {'b', newGroup("h", "checkout")}, "remapped", std::nullopt, {}, false, "g"},
+    {"a capture filed under a remapped id lands in the canonical group",
+     {{'a', newGroup("g", "Design")}, {'b', newGroup("h", "design")}},
+     {'b', capture("c", 0, {{"workspace_id", "WS"}, {"group_id", "h"}})}, "applied", 1, {}, false, nullptr,
+     {{"group_id", "g"}}, {"created"}},
+    {"renaming onto another group's name keeps the old name",
+     {{'a', newGroup("g", "Alpha")}, {'a', newGroup("h", "Beta")}}, {'a', group("h", 1, {{"name", "alpha"}})},
+     "merged", 1, {"name"}},
+    {"a capture in a workspace the user isn't in", {}, {'a', capture("c", 0, {{"workspace_id", "OTHER"}})},
+     "rejected", std::nullopt, {}, false},
+    {"moving a capture to another workspace", {{'a', newCapture("c")}},
+     {'a', capture("c", 1, {{"workspace_id", "OTHER"}})}, "rejected", std::nullopt, {}, false},
+    {"a capture whose group hasn't arrived", {}, {'a', capture("c", 0, {{"workspace_id", "WS"}, {"group_id", "g"}})},
+     "rejected", std::nullopt, {}, true},
+    {"an image before its capture", {}, {'a', image("i", "c", "SHA")}, "rejected", std::nullopt, {}, true},
+    {"an image whose file isn't uploaded", {{'a', newCapture("c")}}, {'a', image("i", "c", "MISSING")},
+     "rejected", std::nullopt, {}, true},
+    {"an image with its file uploaded", {{'a', newCapture("c")}}, {'a', image("i", "c", "SHA")}, "applied", 1, {},
+     false, nullptr, {{"capture_id", "c"}, {"original_sha256", "SHA"}, {"marked_sha256", nullptr}}},
+    {"a tombstone", {{'a', newCapture("c")}}, {'b', tombstone("captures", "c", 0)}, "applied", 2},
+    {"an edit of a deleted capture", {{'a', newCapture("c")}, {'a', tombstone("captures", "c", 1)}},
+     {'b', capture("c", 1, {{"note", "late"}})}, "rejected", std::nullopt, {}, false},
+    {"a group can't be deleted", {{'a', newGroup("g", "Kept")}}, {'a', tombstone("groups", "g", 1)}, "rejected",
+     std::nullopt, {}, false},
+    {"a comment", {{'a', newCapture("c")}}, {'a', comment("m", "c")}, "applied", 1, {}, false, nullptr,
+     {{"body", "looks off"}, {"author_id", "ANN"}}, {"commented"}},
+    {"a value of the wrong kind", {{'a', newCapture("c")}}, {'a', capture("c", 1, {{"status", "done"}})}, "rejected",
+     std::nullopt, {}, false},
+    {"a table the server doesn't take", {}, {'a', change("people", "p", 0, Json::object())}, "rejected", std::nullopt,
+     {}, false},
+    };
+}
+
+class SyncVerdictTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        server = new ServerProcess();
+        server->addUser("ann@example.com", "Ann");
+        server->addUser("bob@example.com", "Bob");
+        server->addWorkspace("acme", "Acme", {"ann@example.com"});
+        server->addWorkspace("bobs", "Bob's", {"bob@example.com"});
+        token = server->signIn("ann@example.com");
+        const std::string bobToken = server->signIn("bob@example.com");
+        ids = {{"WS", server->workspaceID(token, "acme")},
+               {"OTHER", server->workspaceID(bobToken, "bobs")},
+               {"ANN", server->call("GET", "/v1/me", std::nullopt, token).body["user"]["id"]},
+               {"SHA", ContentHash::sha256(std::string_view("pixels"))},
+               {"MISSING", ContentHash::sha256(std::string_view("never sent"))}};
+        auto upload = server->call("POST", "/v1/uploads",
+                                   Json{{"workspace_id", ids["WS"]}, {"sha256", ids["SHA"]}, {"bytes", 6}}, token);
+        httplib::Client storage("127.0.0.1", server->port());
+        storage.Put(upload.body["url"].get<std::string>().substr(server->url().size()), "pixels", "image/png");
+    }
+    static void TearDownTestSuite() { delete server; }
+
+    // Record ids get the case's number, so that cases share one server; the
+    // placeholders become real workspace, user and blob ids.
+    static Json resolve(const Json& value, std::size_t n, const std::string& key = "") {
+        if (value.is_object()) {
+            Json out = Json::object();
+            for (const auto& [k, v] : value.items()) out[k] = resolve(v, n, k);
+            return out;
+        }
+        if (!value.is_string()) return value;
+        const std::string text = value.get<std::string>();
+        if (ids.count(text)) return ids[text];
+        if (key == "id" || key == "capture_id" || key == "group_id") return text + "-" + std::to_string(n);
+        return value;
+    }
+
+    static Json push(char device, const Json& change, std::int64_t cursor = 0) {
+        return server
+            ->call("POST", "/v1/sync",
+                   Json{{"device_id", std::string("device-") + device}, {"cursor", cursor},
+                        {"changes", Json::array({change})}, {"full_groups", Json::array()}},
+                   token)
+            .body;
+    }
+
+    static inline ServerProcess* server = nullptr;
+    static inline std::string token;
+    static inline std::map<std::string, Json> ids;
+};
+
+TEST_F(SyncVerdictTest, EachChangeGetsItsVerdict) {
+    const std::vector<VerdictCase> cases = verdictCases();
+    std::int64_t cursor = 0;  // each case reads only what it wrote
+    for (std::size_t n = 0; n < cases.size(); ++n) {
+        const VerdictCase& c = cases[n];
+        SCOPED_TRACE(c.name);
+        for (const auto& before : c.before) {
+            Json reply = push(before.device, resolve(before.change, n), cursor);
+            ASSERT_NE(reply["results"][0]["status"], "rejected") << reply["results"][0];
+            cursor = reply["cursor"];
+        }
+        const Json sent = resolve(c.change.change, n);
+        const Json reply = push(c.change.device, sent, cursor);
+        cursor = reply["cursor"];
+        const Json& result = reply["results"][0];
+        EXPECT_EQ(result["id"], sent["id"]);
+        EXPECT_EQ(result["status"], c.status) << result;
+        if (c.version) {
+            EXPECT_EQ(result.value("version", -1), *c.version) << result;
+        }
+        if (std::string(c.status) == "merged") {
+            EXPECT_EQ(result["conflicts"], Json(c.conflicts));
+        }
+        if (std::string(c.status) == "rejected") {
+            EXPECT_EQ(result["retry"], c.retry) << result;
+            EXPECT_FALSE(result.value("reason", "").empty());
+        }
+        if (c.canonicalID) {
+            EXPECT_EQ(result["canonical_id"], resolve(Json{{"id", c.canonicalID}}, n)["id"]);
+        }
+
+        std::vector<std::string> history;
+        bool note = false;
+        Json row;
+        for (const auto& item : reply["changes"]) {
+            if (item["table"] == "activity") history.push_back(item["row"]["kind"]);
+            if (item["table"] == "comments" && item["row"]["kind"] == "conflict") note = true;
+            if (item["row"]["id"] == sent["id"]) row = item["row"];
+        }
+        EXPECT_EQ(history, c.history);
+        EXPECT_EQ(note, c.conflictNote);
+        const Json rowAfter = resolve(c.rowAfter.is_null() ? Json::object() : c.rowAfter, n);
+        for (const auto& [field, expected] : rowAfter.items()) {
+            EXPECT_EQ(row.value(field, Json("(missing)")), expected) << field;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace mirel::test

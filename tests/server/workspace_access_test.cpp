@@ -1,0 +1,69 @@
+// Two users in different workspaces see and reach only their own, and a
+// device learns when the user gains or loses a workspace.
+#include "tests/server/two_teams.h"
+
+#include "core/sync/content_hash.h"
+
+#include <gtest/gtest.h>
+
+namespace mirel::test {
+namespace {
+
+class WorkspaceAccessTest : public TwoTeamsTest {
+protected:
+    static std::vector<std::string> ids(const Json& reply, const char* table) {
+        std::vector<std::string> found;
+        for (const auto& change : reply["changes"]) {
+            if (change["table"] == table) found.push_back(change["row"]["id"]);
+        }
+        return found;
+    }
+};
+
+TEST_F(WorkspaceAccessTest, AUserReachesOnlyTheirOwnWorkspaces) {
+    const Json pushed = server.sync(ann, 0, Json::array({{{"table", "captures"}, {"id", "c1"}, {"base_version", 0},
+                                                   {"patch", {{"workspace_id", acme}, {"note", "Ann's"}}}}}));
+    ASSERT_EQ(pushed["results"][0]["status"], "applied");
+
+    const Json bobsView = server.sync(bob, 0);
+    EXPECT_TRUE(ids(bobsView, "captures").empty());
+    EXPECT_EQ(bobsView["people"].size(), 1u) << "only the people Bob shares a workspace with";
+    const std::string sha = ContentHash::sha256(std::string_view("x"));
+    EXPECT_EQ(server.call("POST", "/v1/uploads", Json{{"workspace_id", acme}, {"sha256", sha}, {"bytes", 1}}, bob).status, 404);
+    EXPECT_EQ(server.call("GET", "/v1/blobs/" + acme + "/" + sha, std::nullopt, bob).status, 404);
+    EXPECT_EQ(server.call("GET", "/v1/events?workspace=" + acme, std::nullopt, bob).status, 404);
+    const Json edit = server.sync(bob, 0, Json::array({{{"table", "captures"}, {"id", "c1"}, {"base_version", 1},
+                                                 {"patch", {{"note", "Bob's now"}}}}}));
+    EXPECT_EQ(edit["results"][0]["status"], "rejected");
+    EXPECT_EQ(edit["results"][0]["retry"], false);
+    EXPECT_EQ(server.call("GET", "/v1/me", std::nullopt, "not-a-token").status, 401);
+    EXPECT_EQ(server.call("POST", "/v1/sync", Json::object()).status, 401);
+}
+
+TEST_F(WorkspaceAccessTest, JoiningAskForAFreshStartAndLeavingDropsTheWorkspace) {
+    server.sync(ann, 0, Json::array({{{"table", "captures"}, {"id", "c1"}, {"base_version", 0},
+                               {"patch", {{"workspace_id", acme}, {"note", "older than Bob's cursor"}}}}}));
+    const std::int64_t cursor = server.sync(bob, 0)["cursor"];
+    ASSERT_EQ(server.admin({"workspace", "add-member", "acme", "bob@example.com"}).status, 0);
+
+    const Json resync{{{"id", "workspace:" + acme}}};
+    EXPECT_EQ(server.sync(bob, cursor)["resync_groups"], resync);
+    EXPECT_EQ(server.sync(bob, cursor)["resync_groups"], resync) << "asked again until the device starts over";
+    const Json fresh = server.sync(bob, 0);
+    EXPECT_EQ(ids(fresh, "captures"), std::vector<std::string>{"c1"});
+    EXPECT_EQ(server.sync(bob, fresh["cursor"])["resync_groups"], Json::array());
+
+    ASSERT_EQ(server.admin({"workspace", "remove-member", "acme", "bob@example.com"}).status, 0);
+    const Json after = server.sync(bob, fresh["cursor"]);
+    EXPECT_EQ(after["dropped_workspaces"], Json::array({acme}));
+    EXPECT_EQ(server.sync(bob, after["cursor"])["dropped_workspaces"], Json::array());
+
+    // The daily check drops what Bob may no longer hold, and names what Ann lacks.
+    const Json check = server.call("POST", "/v1/sync/reconcile", Json{{"capture_ids", {"c1", "never-seen"}}}, bob).body;
+    EXPECT_EQ(check, Json({{"drop", {"c1"}}, {"missing", Json::array()}}));
+    EXPECT_EQ(server.call("POST", "/v1/sync/reconcile", Json{{"capture_ids", Json::array()}}, ann).body,
+              Json({{"drop", Json::array()}, {"missing", {"c1"}}}));
+}
+
+}  // namespace
+}  // namespace mirel::test

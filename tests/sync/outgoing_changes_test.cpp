@@ -1,0 +1,160 @@
+#include "tests/sync/sync_fixture.h"
+
+#include <algorithm>
+#include <functional>
+
+namespace mirel::test {
+
+namespace {
+
+class OutgoingChanges : public SyncStoreTest {};
+
+CaptureStore::Pending pendingOf(const std::string& id, std::set<std::string> fields, std::int64_t version = 3) {
+    return {id, std::move(fields), version};
+}
+
+}  // namespace
+
+TEST_F(OutgoingChanges, CaptureChangesByLedgerAndRow) {
+    Capture shared = makeCapture("Title\nBody", kSeedDate);
+    shared.workspaceID = kWorkspace;
+    shared.url = std::nullopt;
+    shared.claimedAt = kSeedDate + 1.5;
+    seedCaptureRow(db(), shared);
+    Capture local = makeCapture("Local");
+    seedCaptureRow(db(), local);
+    Capture gone = makeCapture("Gone");
+    gone.deletedAt = kSeedDate;
+    seedCaptureRow(db(), gone);
+    const std::string tomb = R"({"base_version":3,"delete":true,"id":"ID","table":"captures"})";
+    struct Case {
+        std::string id;
+        std::set<std::string> fields;
+        std::optional<std::string> expected;  // "ID" stands for the id
+    };
+    const Case cases[] = {
+        {shared.id, {"note"}, R"({"base_version":3,"id":"ID","patch":{"note":"Title\nBody"},"table":"captures"})"},
+        {shared.id, {"tags"}, R"({"base_version":3,"id":"ID","patch":{"tags":[]},"table":"captures"})"},
+        {shared.id, {"url", "claimed_at", "claimed_label"},
+         R"({"base_version":3,"id":"ID","patch":{"claimed_at":"2024-05-01T00:00:01.500Z","claimed_label":null,"url":null},"table":"captures"})"},
+        {shared.id, {"no_such_field"}, std::nullopt},
+        {shared.id, {}, std::nullopt},
+        {shared.id, {"*", "delete"}, tomb},
+        {local.id, {"*"}, std::nullopt},
+        {gone.id, {"*"}, tomb},
+        {gone.id, {}, tomb},
+        {"no-such-row", {"*"}, std::nullopt},
+    };
+    for (const Case& c : cases) {
+        std::optional<Json> change = store.captureChange(pendingOf(c.id, c.fields));
+        std::optional<std::string> got;
+        if (change) {
+            (*change)["id"] = "ID";
+            got = change->dump();
+        }
+        EXPECT_EQ(got, c.expected) << c.id << " " << c.fields.size();
+    }
+
+    // The whole record: 21 keys, the two dates of creation the same string.
+    seedTag(db(), shared.id, "ui");
+    const Json whole = (*store.captureChange(pendingOf(shared.id, {"*"})))["patch"];
+    EXPECT_EQ(whole.size(), 21u);
+    EXPECT_EQ(whole["created_at"], "2024-05-01T00:00:00.000Z");
+    EXPECT_EQ(whole["captured_at"], whole["created_at"]);
+    EXPECT_EQ(whole["tags"], Json::array({"ui"}));
+    EXPECT_EQ(whole["workspace_id"], kWorkspace);
+    EXPECT_EQ(whole["status"], "open");
+}
+
+TEST_F(OutgoingChanges, ImageGroupAndCommentChanges) {
+    const Capture owner = seedShared();
+    CaptureImage image = makeImage(owner.id);
+    image.originalSHA256 = std::string(64, 'a');
+    image.annotationJSON = R"([{"tool":"arrow"}])";
+    CaptureImage unhashed = makeImage(owner.id, 1);
+    CaptureImage broken = image;
+    broken.annotationJSON = "{oops";
+    CaptureImage deleted = unhashed;
+    deleted.deletedAt = kSeedDate;
+
+    EXPECT_EQ(store.imageChange(pendingOf(image.id, {"annotation_json", "position"}), image)->at("patch").dump(),
+              R"({"annotation_json":[{"tool":"arrow"}],"position":0})");
+    EXPECT_EQ(store.imageChange(pendingOf(image.id, {"*"}), image)->at("patch").size(), 10u);
+    EXPECT_EQ(store.imageChange(pendingOf(image.id, {"annotation_json"}), broken)->at("patch").dump(),
+              R"({"annotation_json":null})");
+    EXPECT_FALSE(store.imageChange(pendingOf(unhashed.id, {"*"}), unhashed));
+    EXPECT_EQ(store.imageChange(pendingOf(unhashed.id, {"*"}), deleted)->value("delete", false), true);
+    EXPECT_EQ(store.imageChange(pendingOf(image.id, {"delete"}), image)->value("delete", false), true);
+
+    CaptureGroup group = makeGroup("Checkout", std::string(kWorkspace));
+    group.archivedAt = kSeedDate;
+    seedGroupRow(db(), group);
+    CaptureGroup open = makeGroup("Open", std::string(kWorkspace));
+    seedGroupRow(db(), open);
+    CaptureGroup local = makeGroup("Local");
+    seedGroupRow(db(), local);
+    EXPECT_EQ(store.groupChange(pendingOf(group.id, {"*", "archived_at"}))->at("patch").dump(),
+              R"({"color_hex":"#6E7BF2","name":"Checkout","visibility":"private","workspace_id":"ws-1"})");
+    EXPECT_EQ(store.groupChange(pendingOf(open.id, {"archived_at", "visibility"}))->at("patch").dump(),
+              R"({"archived_at":null})");
+    EXPECT_EQ(store.groupChange(pendingOf(group.id, {"archived_at"}))->at("patch").dump(),
+              R"({"archived_at":"2024-05-01T00:00:00.000Z"})");
+    EXPECT_FALSE(store.groupChange(pendingOf(local.id, {"*"})));
+    EXPECT_FALSE(store.groupChange(pendingOf(open.id, {"visibility"})));
+
+    Comment comment = makeComment(owner.id, "On it", "Claude", true);
+    const Json change = store.commentChange(comment);
+    EXPECT_FALSE(change.contains("base_version"));
+    EXPECT_EQ(change["patch"].dump(), R"({"actor_label":null,"body":"On it","capture_id":")" + owner.id +
+                                          R"(","created_at":"2024-05-01T00:00:00.000Z","is_agent":true,"kind":"comment"})");
+}
+
+// An edit that lands while its row's change is in flight survives the
+// acknowledgement, from whichever process it comes.
+TEST_F(OutgoingChanges, AcknowledgementKeepsEditsMadeInFlight) {
+    struct Case {
+        const char* name;
+        const char* pendingAtCollection;
+        std::function<void(CaptureStore&, const std::string&)> inFlight;
+        std::set<std::string> pendingAfter;
+    };
+    const auto editNote = [](const char* note) {
+        return [note](CaptureStore& s, const std::string& id) {
+            Capture c = *s.rawCapture(id);
+            c.note = note;
+            s.update(c);
+        };
+    };
+    const Case cases[] = {
+        {"nothing happened", R"({"note":true})", [](CaptureStore&, const std::string&) {}, {}},
+        {"the same field again", R"({"note":true})", editNote("Second"), {"note"}},
+        {"the same field, back to the sent value", R"({"note":true})",
+         [&](CaptureStore& s, const std::string& id) { editNote("Second")(s, id); editNote("Sent")(s, id); }, {}},
+        {"another field", R"({"note":true})",
+         [](CaptureStore& s, const std::string& id) { s.setTags({"late"}, id); }, {"tags"}},
+        {"a delete", R"({"*":true})", [](CaptureStore& s, const std::string& id) { s.softDelete(id); }, {"delete"}},
+        {"whole record sent, a field edited", R"({"*":true})", editNote("Second"), {"note"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Capture row = seedShared("Sent", "pendingPush", c.pendingAtCollection);
+        const CaptureStore::Pending collected{row.id, CaptureStore::pendingFields(c.pendingAtCollection), 0};
+        const Json change = *store.captureChange(collected);
+        // The in-flight edit comes from a second store on the same file, as from mirel-mcp.
+        CaptureStore other(library.databasePath());
+        c.inFlight(other, row.id);
+        EXPECT_EQ(store.markSynced(collected, change, 7), c.pendingAfter.empty());
+        EXPECT_EQ(pendingKeys(db(), "captures", row.id), c.pendingAfter);
+        EXPECT_EQ(syncStateOf(db(), "captures", row.id), c.pendingAfter.empty() ? "synced" : "pendingPush");
+        EXPECT_EQ(integer("captures", row.id, "version"), 7);
+        // What stays goes out next with the acknowledged version as its base.
+        if (!c.pendingAfter.empty()) {
+            const auto waiting = store.pending("captures", 100);
+            const auto it = std::find_if(waiting.begin(), waiting.end(), [&](auto& p) { return p.id == row.id; });
+            const auto next = store.captureChange(*it);
+            EXPECT_EQ(next->at("base_version"), 7);
+        }
+    }
+}
+
+}  // namespace mirel::test

@@ -1,0 +1,165 @@
+// Random JSON, hostile ids and hashes fed to every remote apply. Bounded so it
+// runs with the suite (also under AddressSanitizer); MIREL_FUZZ_INPUTS raises
+// the count for a longer run.
+#include "tests/sync/sync_fixture.h"
+
+#include "core/store/mirel_paths.h"
+#include "core/sync/content_hash.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <random>
+
+namespace mirel::test {
+
+namespace {
+
+class UntrustedInput : public SyncStoreTest {
+protected:
+    // A fixed seed by default, so that a failure repeats; MIREL_FUZZ_SEED picks another.
+    std::uint64_t seed = std::getenv("MIREL_FUZZ_SEED") ? std::strtoull(std::getenv("MIREL_FUZZ_SEED"), nullptr, 10)
+                                                         : 20240501;
+    std::mt19937_64 random{seed};
+    std::vector<std::string> ids;  // ids that name rows here, so that updates happen too
+
+    std::size_t pick(std::size_t n) { return static_cast<std::size_t>(random() % n); }
+
+    std::string hostileText() {
+        static const std::vector<std::string> texts = {
+            "", "..", "../../outside", "/etc/passwd", "a/b", std::string("nul\0byte", 8), std::string(10000, 'x'),
+            "\xff\xfe broken utf-8", "ünïcödé", "2024-05-01T00:00:00Z", "2024-05-01T00:00:00.123+02:00",
+            "2024-13-45T99:99:99Z", "1714521600", "-7", "+42", "1e999", "nan", "#FFFFFF", "https://x.test/a.png",
+            "file:///etc/passwd", "status_changed", "pendingPush", std::string(64, 'a'), std::string(64, 'G'),
+            "ws-1", "\u202e\u0301"};
+        return texts[pick(texts.size())];
+    }
+
+    Json value(int depth) {
+        switch (pick(depth > 2 ? 7 : 9)) {
+            case 0: return nullptr;
+            case 1: return pick(2) == 0;
+            case 2: {
+                static const std::vector<std::int64_t> edges = {0, 1, -1, 1000000000000, 1000000000001, INT64_MAX,
+                                                                INT64_MIN};
+                return pick(2) ? Json(edges[pick(edges.size())]) : Json(static_cast<std::int64_t>(random()));
+            }
+            case 3: {
+                static const std::vector<double> edges = {0.5, -0.0, 1e12, 1e300, -1e300, 4.9e-324, 1714521600.25};
+                return edges[pick(edges.size())];
+            }
+            case 4: return UINT64_MAX;
+            case 5: return ids[pick(ids.size())];
+            case 6: return hostileText();
+            case 7: {
+                Json array = Json::array();
+                for (std::size_t n = pick(4); n > 0; --n) array.push_back(value(depth + 1));
+                return array;
+            }
+            default: return object(depth + 1);
+        }
+    }
+
+    Json object(int depth = 0) {
+        static const std::vector<std::string> keys = {
+            "id", "capture_id", "group_id", "user_id", "workspace_id", "author_id", "actor_id", "assignee_id",
+            "deleted_at", "created_at", "updated_at", "removed_at", "archived_at", "claimed_at", "resolved_at",
+            "note", "status", "priority", "tags", "url", "display_scale", "capture_mode", "claimed_label", "version",
+            "position", "width", "height", "bytes", "original_sha256", "marked_sha256", "thumb_sha256",
+            "annotation_json", "name", "color_hex", "visibility", "body", "kind", "actor_label", "detail", "email",
+            "image", "image_url", "from", "to", "mode"};
+        Json result = Json::object();
+        for (const std::string& key : keys) {
+            // Nested objects stay small; tombstones stay rare enough for rows to build up.
+            const bool tombstone = key == "deleted_at" || key == "removed_at";
+            if (depth == 0 ? pick(tombstone ? 6 : 3) == 0 || (tombstone && pick(2)) : pick(10) != 0) continue;
+            result[key] = pick(2) ? value(depth) : plausible(key);
+        }
+        return result;
+    }
+
+    // A value of the kind the key usually holds, so that inputs get past the
+    // first checks and reach the writes.
+    Json plausible(const std::string& key) {
+        static const std::vector<std::string> kinds = {"status_changed", "assigned", "commented", "moved", "created",
+                                                       "resolved", "claimed", "renamed"};
+        if (key == "id" || (key.size() > 3 && key.compare(key.size() - 3, 3, "_id") == 0)) return ids[pick(ids.size())];
+        if (key.size() > 7 && key.compare(key.size() - 7, 7, "_sha256") == 0) {
+            return pick(4) ? std::string(64, "0123456789abcdef"[pick(16)]) : hostileText();
+        }
+        if (key == "kind") return kinds[pick(kinds.size())];
+        return value(1);
+    }
+
+    // The file a download would write for this row stays under its folder.
+    static void expectInside(const std::filesystem::path& root, const std::string& relative) {
+        const std::filesystem::path file = (root / relative).lexically_normal();
+        const std::string rootText = root.lexically_normal().string();
+        EXPECT_EQ(file.string().compare(0, rootText.size(), rootText), 0) << relative;
+        EXPECT_EQ(file.parent_path().parent_path().parent_path(), root.lexically_normal()) << relative;
+    }
+};
+
+}  // namespace
+
+TEST_F(UntrustedInput, RandomObjectsApplyOrAreSkippedAndNeverNameAFileOutside) {
+    const Capture capture = seedShared();
+    const CaptureImage image = makeImage(capture.id);
+    seedImageRow(db(), image);
+    const CaptureGroup group = makeGroup("G", std::string(kWorkspace));
+    seedGroupRow(db(), group);
+    ids = {capture.id, image.id, group.id, "ws-1", "../" + capture.id, capture.id + "/..", "me"};
+    for (int fresh = 0; fresh < 8; ++fresh) ids.push_back(newID());
+    const std::filesystem::path sentinel = library.home().parent_path() / ("sentinel-" + newID());
+    std::ofstream(sentinel) << "keep";
+
+    using Apply = std::function<void(const Json&)>;
+    const std::vector<std::pair<const char*, Apply>> operations = {
+        {"captures", [&](const Json& o) { store.applyRemoteCapture(o); }},
+        {"capture_images", [&](const Json& o) { store.applyRemoteImage(o); }},
+        {"groups", [&](const Json& o) { store.applyRemoteGroup(o); }},
+        {"group_members", [&](const Json& o) { store.applyRemoteGroupMember(o); }},
+        {"comments", [&](const Json& o) { store.applyRemoteComment(o); }},
+        {"activity", [&](const Json& o) { store.applyRemoteActivity(o); }},
+        {"people", [&](const Json& o) { store.applyRemotePerson(o); }},
+    };
+    const char* configured = std::getenv("MIREL_FUZZ_INPUTS");
+    const long inputs = configured ? std::atol(configured) : 2000;
+    for (long n = 0; n < inputs; ++n) {
+        const auto& [table, apply] = operations[pick(operations.size())];
+        const Json input = pick(20) ? object() : value(0);
+        try {
+            apply(input);
+        } catch (const DatabaseError&) {
+            // A row the schema refuses (a missing parent, say) is reported, not applied.
+        } catch (const std::exception& error) {
+            FAIL() << "seed " << seed << ": " << table << " threw " << error.what() << " for " << writeJSON(input).substr(0, 2000);
+        }
+    }
+
+    // Every image row and everything offered for download can only name files
+    // inside the library's folders, and only blobs by digest.
+    for (const Row& row : db().query("SELECT * FROM capture_images;")) {
+        const CaptureImage stored = CaptureStore::decodeImage(row);
+        EXPECT_TRUE(stored.imagePath.empty() || stored.imagePath == image.imagePath) << stored.imagePath;
+        for (const char* suffix : {"", "-marked"}) {
+            expectInside(MirelPaths::capturesRoot(),
+                         MirelPaths::relativeImagePath(stored.id + suffix, stored.createdAt, "png"));
+        }
+        expectInside(MirelPaths::thumbsRoot(), MirelPaths::relativeImagePath(stored.id, stored.createdAt, "png"));
+    }
+    for (const auto& item : store.imagesAwaitingDownload(100000)) {
+        for (const auto& hash : {item.image.originalSHA256, item.image.markedSHA256, item.image.thumbSHA256}) {
+            EXPECT_TRUE(!hash || ContentHash::isHexDigest(*hash)) << *hash;
+        }
+        EXPECT_EQ(item.workspaceID.find_first_of("/.\\%?#"), std::string::npos) << item.workspaceID;
+    }
+    // The inputs reached the writes, not only the early exits.
+    for (const char* table : {"captures", "capture_images", "groups", "group_members", "comments", "activity", "people"}) {
+        EXPECT_GT(countRows(db(), std::string("SELECT COUNT(*) AS n FROM ") + table + ";"), 1) << table;
+    }
+    EXPECT_TRUE(std::filesystem::exists(sentinel));
+    std::filesystem::remove(sentinel);
+}
+
+}  // namespace mirel::test
