@@ -1,22 +1,67 @@
 #pragma once
-// Plain records with a fresh id and sensible values, for tests to adjust and
-// hand to the store.
+// Builders and seeding verbs for tests. The seed* functions INSERT rows with
+// plain SQL, so a test of a read (or of a tool, or of the server) does not
+// depend on the store's own write operations being right. Every column of the
+// record is written as it stands; `pending` is left NULL.
+//
+// Typical use:
+//     TempLibrary library;
+//     CaptureStore store(library.databasePath());
+//     auto c = makeCapture("Button is clipped\nOn the settings page");
+//     c.priority = CapturePriority::high;
+//     seedCaptureRow(store.database(), c);
+//     seedTag(store.database(), c.id, "ui");
+//     seedComment(store.database(), makeComment(c.id, "Looking at it"));
+#include "core/store/database.h"
 #include "core/store/records.h"
 
 #include <string>
 
 namespace mirel::test {
 
-// 2024-05-01 00:00:00 UTC, the date the builders use unless told otherwise.
+// A fixed date (2024-05-01 00:00:00 UTC) that builders use unless told otherwise.
 inline constexpr Date kSeedDate = 1714521600.0;
 
-// A live local capture with a screenshot ("2024/05/{id}.png", 800×600, 12345
-// bytes) and a thumbnail; without `withImage` a text-only issue.
-Capture makeCapture(const std::string& note = "A capture", Date createdAt = kSeedDate, bool withImage = true);
-// An image of `captureID` at `position` (< 0: the next free one), 800×600.
-CaptureImage makeImage(const std::string& captureID, std::int64_t position = -1, Date createdAt = kSeedDate);
-// A comment by a person, or by an agent when `isAgent`.
-Comment makeComment(const std::string& captureID, const std::string& body, const std::string& author = "Ada",
-                    bool isAgent = false, Date createdAt = kSeedDate);
+// ---- Builders: plain records with a fresh id and sensible values ----
+
+// A live, local capture with a screenshot ("2024/05/{id}.png", 800×600,
+// 12345 bytes) and a thumbnail; created and updated at `createdAt`.
+// Pass `withImage` false for a text-only issue (empty imagePath, no thumb,
+// capture mode `text`).
+Capture makeCapture(const std::string& note = "A capture", Date createdAt = kSeedDate,
+                    bool withImage = true);
+
+// An image of `captureID` at `position`, "2024/05/{id}.png", 800×600.
+CaptureImage makeImage(const std::string& captureID, std::int64_t position = 0,
+                       Date createdAt = kSeedDate);
+
+// A live local group.
+CaptureGroup makeGroup(const std::string& name, const std::optional<std::string>& workspaceID = {},
+                       Date createdAt = kSeedDate);
+
+// A comment by a person ("Ada"), or by an agent when `isAgent`.
+Comment makeComment(const std::string& captureID, const std::string& body,
+                    const std::string& author = "Ada", bool isAgent = false,
+                    Date createdAt = kSeedDate);
+
+// ---- Seeding verbs: raw INSERTs, one row each ----
+
+void seedCaptureRow(Database& db, const Capture& capture);
+void seedImageRow(Database& db, const CaptureImage& image);
+void seedGroupRow(Database& db, const CaptureGroup& group);
+void seedComment(Database& db, const Comment& comment);
+void seedActivity(Database& db, const ActivityEvent& event);
+void seedPerson(Database& db, const Person& person, Date updatedAt = kSeedDate);
+void seedWorkspace(Database& db, const Workspace& workspace, Date updatedAt = kSeedDate);
+
+// Tags `captureID` with `name`, creating the tag row (by exact name) if it is
+// not there yet. Returns the tag's id.
+std::string seedTag(Database& db, const std::string& captureID, const std::string& name);
+
+// Overwrites one column of one row by id, with any value, including ones the
+// store would never write (NULL in a NOT NULL-less column, a number in a text
+// column, an unknown enumeration word). `table` and `column` are trusted.
+void setColumn(Database& db, const std::string& table, const std::string& id,
+               const std::string& column, const SQLValue& value);
 
 }  // namespace mirel::test
