@@ -276,6 +276,8 @@ TEST_F(ToolsTest, AConversationOfWorkToolsAndWhatItLeaves) {
         EXPECT_EQ(text(result), expected) << tool << " " << arguments;
         EXPECT_FALSE(result.isError) << tool << " " << arguments;
     }
+    // Every comment a tool writes is marked as an agent's.
+    for (const Comment& comment : store.comments(idOf("bbbb0002"))) EXPECT_TRUE(comment.isAgent) << comment.body;
     // The oldest of thirteen history lines has dropped out of view.
     Clock::pin(kNow + 13 * kMin);
     EXPECT_EQ(text(call("get_capture", R"({"id":"bbbb0002"})")),
