@@ -1,223 +1,88 @@
+// Records and their words, computed properties, and the forgiving decoders
+// that turn rows (bad ones included) into them.
 #include "core/store/capture_store.h"
-#include "core/store/records.h"
 #include "core/store/row_decoding.h"
 
 #include <gtest/gtest.h>
 
-#include "tests/support/temp_library.h"
+#include <cmath>
+#include <cstdio>
 
 namespace mirel {
 namespace {
 
-Capture captureWithNote(const std::string& note, bool withImage, std::optional<std::string> app = {}) {
-    Capture c;
-    c.id = "0f8fad5b-d9cb-469f-a165-70867728950e";
-    c.note = note;
-    if (withImage) c.imagePath = "2024/05/x.png";
-    c.appName = std::move(app);
-    return c;
-}
-
-TEST(EnumerationsTest, RawWordsRoundTripAndUnknownWordsAreAbsent) {
-    for (const auto status : CaptureStatuses::allCases)
-        EXPECT_EQ(captureStatusFrom(rawValue(status)), status);
-    EXPECT_EQ(rawValue(CaptureStatus::inProgress), "in_progress");
-    EXPECT_EQ(displayName(CaptureStatus::inProgress), "In Progress");
-    EXPECT_EQ(rawValue(SyncState::pendingPush), "pendingPush");
-    EXPECT_EQ(syncStateFrom("pendingPush"), SyncState::pendingPush);
-    EXPECT_EQ(displayName(CaptureMode::fullscreen), "Full Screen");
-    EXPECT_EQ(displayName(CaptureMode::text), "Text only");
-    EXPECT_EQ(rawValue(GroupVisibility::private_), "private");
-
-    EXPECT_EQ(captureStatusFrom("Open"), std::nullopt);  // words are exact
-    EXPECT_EQ(captureStatusFrom("inProgress"), std::nullopt);
-    EXPECT_EQ(capturePriorityFrom(""), std::nullopt);
-    EXPECT_EQ(syncStateFrom("pending_push"), std::nullopt);
-    EXPECT_EQ(groupVisibilityFrom("private_"), std::nullopt);
-
-    EXPECT_LT(sortWeight(CapturePriority::high), sortWeight(CapturePriority::normal));
-    EXPECT_LT(sortWeight(CapturePriority::normal), sortWeight(CapturePriority::low));
-}
-
-TEST(CaptureTitleTest, FirstLineOrFallback) {
-    struct Case {
-        std::string note;
-        bool withImage;
-        std::optional<std::string> app;
-        std::string title;
-        std::string body;
+TEST(RecordsTest, WordsTitlesAndInitials) {
+    std::string words;
+    for (const auto status : CaptureStatuses::allCases) words += std::string(rawValue(status)) + "/" + std::string(displayName(status)) + " ";
+    for (const auto mode : {CaptureMode::region, CaptureMode::fullscreen, CaptureMode::window, CaptureMode::text})
+        words += std::string(rawValue(mode)) + "/" + std::string(displayName(mode)) + " ";
+    EXPECT_EQ(words, "open/Open in_progress/In Progress resolved/Resolved archived/Archived region/Region "
+                     "fullscreen/Full Screen window/Window text/Text only ");
+    EXPECT_EQ(captureStatusFrom("in_progress").value_or(CaptureStatus::open), CaptureStatus::inProgress);
+    EXPECT_FALSE(captureStatusFrom("Open") || syncStateFrom("pending_push") || capturePriorityFrom(""));
+    EXPECT_EQ(std::vector({sortWeight(CapturePriority::high), sortWeight(CapturePriority::normal), sortWeight(CapturePriority::low)}),
+              std::vector({0, 1, 2}));
+    const std::tuple<const char*, bool, std::optional<std::string>, const char*> notes[] = {
+        {"Button clipped\n  on the settings page \n", true, {}, "Button clipped|on the settings page"},
+        {"\t Only line \u00A0", true, {}, "Only line|"}, {"  \t ", true, "Safari", "Untitled capture in Safari|"},
+        {"\nLater", false, "Xcode", "Untitled issue in Xcode|Later"}, {"First\r\nSecond\nThird\r\n", true, {}, "First\r\nSecond|Third"},
     };
-    const std::vector<Case> cases = {
-        {"Button clipped\n  on the settings page \n", true, {}, "Button clipped", "on the settings page"},
-        {"\t Only line \u00A0", true, {}, "Only line", ""},
-        {"", true, {}, "Untitled capture", ""},
-        {"", false, {}, "Untitled issue", ""},
-        {"  \t ", true, "Safari", "Untitled capture in Safari", ""},
-        {"   \nSecond line holds the text", false, "Xcode", "Untitled issue in Xcode",
-         "Second line holds the text"},
-        {"\nLater", true, {}, "Untitled capture", "Later"},
-        // CR LF is one character and ends no line here.
-        {"First\r\nSecond", true, {}, "First\r\nSecond", ""},
-        {"First\r\nSecond\nThird\r\n", true, {}, "First\r\nSecond", "Third"},
-        {"Title\n\n\n", true, {}, "Title", ""},
-    };
-    for (const auto& c : cases) {
-        const Capture capture = captureWithNote(c.note, c.withImage, c.app);
-        EXPECT_EQ(capture.title(), c.title) << "note: " << c.note;
-        EXPECT_EQ(capture.noteBody(), c.body) << "note: " << c.note;
+    for (const auto& [note, withImage, app, expected] : notes) {
+        Capture c;
+        c.note = note, c.imagePath = withImage ? "x.png" : "", c.appName = app;
+        EXPECT_EQ(c.title() + "|" + c.noteBody(), expected) << note;
     }
-}
-
-TEST(CaptureTest, Sharing) {
-    Capture c;
-    c.workspaceID = "ws";
-    EXPECT_TRUE(c.isShared());
-    c.localOnly = true;
-    EXPECT_FALSE(c.isShared());
-}
-
-TEST(CaptureTest, URLsHangOffTheLibraryFolders) {
-    test::TempLibrary library;
-    const auto home = library.home();
-    Capture c;
-    c.imagePath = "2024/05/a.png";
-    EXPECT_EQ(c.imageURL(), home / "captures/2024/05/a.png");
-    EXPECT_EQ(c.thumbURL(), std::nullopt);
-    c.thumbPath = "2024/05/a.png";
-    EXPECT_EQ(c.thumbURL(), home / "thumbs/2024/05/a.png");
-
-    CaptureImage image;
-    image.imagePath = "2024/05/i.png";
-    EXPECT_EQ(image.displayURL(), image.originalURL());
-    image.annotatedPath = "2024/05/i-marked.png";
-    EXPECT_EQ(image.displayURL(),
-              home / "captures/2024/05/i-marked.png");
-}
-
-TEST(PersonTest, Initials) {
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {"ada lovelace byron", "AL"}, {"Grace", "G"},  {"", "?"},          {"   ", "?"},
-        {"  jo   anne ", "JA"},       {"élodie ünal", "ÉÜ"}, {"\tx", "\t"},
-    };
-    for (const auto& [name, initials] : cases) {
+    for (const auto& [name, initials] : {std::pair{"ada lovelace byron", "AL"}, {"  jo   anne ", "JA"}, {"   ", "?"}, {"élodie ünal", "ÉÜ"}, {"łukasz", "Ł"}}) {
         Person p;
         p.name = name;
-        EXPECT_EQ(p.initials(), initials) << "name: " << name;
+        EXPECT_EQ(p.initials(), initials) << name;
     }
 }
 
-TEST(CaptureImageTest, HasAnnotationsOnlyForShapesThatDecode) {
-    CaptureImage image;
-    EXPECT_FALSE(image.hasAnnotations());
-    image.annotationJSON = R"({"shapes":[]})";
-    EXPECT_FALSE(image.hasAnnotations());
-    image.annotationJSON = "not json at all";
-    EXPECT_FALSE(image.hasAnnotations());
-    EXPECT_TRUE(image.annotation().isEmpty());
-    image.annotationJSON =
-        R"({"shapes":[{"id":"a1","tool":"arrow","colorHex":"#FF3B30","lineWidth":0.005,"points":[{"x":0.1,"y":0.2},{"x":0.4,"y":0.2}]}]})";
-    EXPECT_TRUE(image.hasAnnotations());
-    EXPECT_EQ(image.annotation().shapes.size(), 1u);
-
-    image.imagePath = "2024/05/i.png";
-    image.originalSHA256 = "abc";
-    EXPECT_FALSE(image.isAwaitingDownload());
-    image.imagePath = "";
-    EXPECT_TRUE(image.isAwaitingDownload());
+TEST(RecordsTest, RowAccessorsConvertOnlyWhatFits) {
+    const Row row(std::map<std::string, SQLValue>{{"i", SQLValue(7)}, {"f", SQLValue(-2.75)}, {"t", SQLValue("7")},
+                                                  {"b", SQLValue::blob({1, 2})}, {"n", SQLValue()}, {"big", SQLValue(1e300)},
+                                                  {"nan", SQLValue(std::nan(""))}});
+    std::string seen;
+    for (const std::string column : {"i", "f", "t", "b", "n", "big", "nan", "missing"}) {
+        const auto i = row.intValue(column);
+        const auto d = row.doubleValue(column);
+        char number[32] = "-";
+        if (d) std::snprintf(number, sizeof number, "%g", *d);
+        seen += column + ":" + row.string(column).value_or("-") + "," + (i ? std::to_string(*i) : "-") + "," + number + "," +
+                (row.boolValue(column) ? "T" : "F") + "," + (row.data(column) ? std::to_string(row.data(column)->size()) : "-") + " ";
+    }
+    EXPECT_EQ(seen, "i:-,7,7,T,- f:-,-2,-2.75,T,- t:7,-,-,F,- b:-,-,-,F,2 n:-,-,-,F,- "
+                    "big:-,9223372036854775807,1e+300,T,- nan:-,-,nan,F,- missing:-,-,-,F,- ");
 }
 
-// ---- Row decoding ----
-
-Row rowOf(std::initializer_list<std::pair<const std::string, SQLValue>> values) {
-    return Row{std::map<std::string, SQLValue>(values)};
-}
-
-TEST(RowDecodingTest, EmptyRowTakesEveryFallback) {
-    Clock::pin(1234.5);
-    const Row empty;
-    const Capture c = RowDecoding::decodeCapture(empty);
-    EXPECT_EQ(c.id.size(), 36u);
-    EXPECT_EQ(c.createdAt, 1234.5);
-    EXPECT_EQ(c.updatedAt, 1234.5);
-    EXPECT_EQ(c.status, CaptureStatus::open);
-    EXPECT_EQ(c.priority, CapturePriority::normal);
-    EXPECT_EQ(c.captureMode, CaptureMode::region);
-    EXPECT_EQ(c.syncState, SyncState::local);
-    EXPECT_EQ(c.note, "");
-    EXPECT_FALSE(c.dirty);
-    EXPECT_FALSE(c.deletedAt);
-    // A fresh id at each reading.
-    EXPECT_NE(RowDecoding::decodeCapture(empty).id, c.id);
-
-    const CaptureGroup g = RowDecoding::decodeGroup(empty);
-    EXPECT_EQ(g.name, "Untitled");
-    EXPECT_EQ(g.colorHex, "#6E7BF2");
-    EXPECT_EQ(g.visibility, GroupVisibility::private_);
-    EXPECT_EQ(g.createdAt, 1234.5);
-
-    const Comment k = RowDecoding::decodeComment(empty);
-    EXPECT_EQ(k.author, "unknown");
-    EXPECT_EQ(k.kind, "comment");
-    EXPECT_EQ(k.captureID, "");
-
-    const ActivityEvent e = RowDecoding::decodeActivity(empty);
-    EXPECT_EQ(e.actor, "you");
-    EXPECT_EQ(e.captureID, std::nullopt);
-
-    const Person p = RowDecoding::decodePerson(empty);
-    EXPECT_EQ(p.id, "");  // people keep an empty id, no fresh one
-    EXPECT_EQ(p.name, "Someone");
-    EXPECT_EQ(p.kind, "person");
-
-    const Workspace w = RowDecoding::decodeWorkspace(empty);
-    EXPECT_EQ(w.role, "member");
-
-    const CaptureImage i = RowDecoding::decodeImage(empty);
-    EXPECT_EQ(i.id.size(), 36u);
-    EXPECT_EQ(i.position, 0);
-    EXPECT_EQ(i.annotationJSON, std::nullopt);
-    Clock::pin(std::nullopt);
-}
-
-TEST(RowDecodingTest, BadDataFallsBackFieldByField) {
-    const Row row = rowOf({
-        {"id", "c1"},
-        {"status", "done"},                // unknown word
-        {"priority", SQLValue(3)},         // a number where a word belongs
-        {"capture_mode", SQLValue()},      // NULL
-        {"sync_state", "pending_push"},
-        {"app_name", SQLValue(42)},        // stray number in a text column
-        {"note", SQLValue::blob({1, 2})},  // blob in a text column
-        {"created_at", SQLValue(1700000000)},  // integer date: seconds
-        {"updated_at", "yesterday"},
-        {"claimed_at", SQLValue(12.25)},
-        {"image_width", SQLValue(640.9)},  // floats truncate
-        {"display_scale", SQLValue(2)},
-        {"dirty", SQLValue(1)},
-        {"local_only", "yes"},             // text is no boolean
-    });
+TEST(RecordsTest, DecodersPutAFallbackInPlaceOfBadData) {
     Clock::pin(99.0);
-    const Capture c = RowDecoding::decodeCapture(row);
+    const Row bad(std::map<std::string, SQLValue>{
+        {"id", "c1"}, {"status", "done"}, {"priority", SQLValue(3)}, {"sync_state", "pending_push"},
+        {"app_name", SQLValue(42)}, {"note", SQLValue::blob({1})}, {"created_at", SQLValue(1700000000)},
+        {"updated_at", "yesterday"}, {"image_width", SQLValue(640.9)}, {"dirty", SQLValue(1)}, {"local_only", "yes"},
+        {"capture_mode", "window"}, {"visibility", "workspace"}, {"name", SQLValue(5)}, {"kind", "bot"}});
+    const Capture c = RowDecoding::decodeCapture(bad);
+    EXPECT_EQ(c.id + " " + std::string(rawValue(c.status)) + " " + std::string(rawValue(c.priority)) + " " +
+                  std::string(rawValue(c.syncState)) + " " + std::string(rawValue(c.captureMode)) + " " + c.appName.value_or("-") +
+                  " [" + c.note + "] " + std::to_string(int(c.createdAt)) + " " + std::to_string(int(c.updatedAt)) + " " +
+                  std::to_string(c.imageWidth) + (c.dirty ? " dirty" : "") + (c.localOnly ? " localOnly" : ""),
+              "c1 open normal local window - [] 1700000000 99 640 dirty");
+    const CaptureGroup g = RowDecoding::decodeGroup(bad);
+    const Row empty;
+    const auto i = RowDecoding::decodeImage(empty);
+    const auto k = RowDecoding::decodeComment(empty);
+    const auto e = RowDecoding::decodeActivity(empty);
+    const auto p = RowDecoding::decodePerson(bad);
+    EXPECT_EQ(g.name + " " + g.colorHex + " " + std::string(rawValue(g.visibility)) + " " + std::to_string(i.id.size()) + " " +
+                  std::to_string(int(i.createdAt)) + " " + k.author + " " + k.kind + " " + e.actor + " " + e.captureID.value_or("-") +
+                  " " + p.id + " " + p.name + " " + p.kind + " " + RowDecoding::decodeWorkspace(empty).role,
+              "Untitled #6E7BF2 workspace 36 99 unknown comment you - c1 Someone bot member");
+    EXPECT_NE(RowDecoding::decodeCapture(empty).id, RowDecoding::decodeCapture(empty).id);
+    EXPECT_EQ(RowDecoding::decodeGroup(Row(std::map<std::string, SQLValue>{{"visibility", "public"}})).visibility,
+              GroupVisibility::private_);
     Clock::pin(std::nullopt);
-    EXPECT_EQ(c.id, "c1");
-    EXPECT_EQ(c.status, CaptureStatus::open);
-    EXPECT_EQ(c.priority, CapturePriority::normal);
-    EXPECT_EQ(c.captureMode, CaptureMode::region);
-    EXPECT_EQ(c.syncState, SyncState::local);
-    EXPECT_EQ(c.appName, std::nullopt);
-    EXPECT_EQ(c.note, "");
-    EXPECT_EQ(c.createdAt, 1700000000.0);
-    EXPECT_EQ(c.updatedAt, 99.0);
-    EXPECT_EQ(c.claimedAt, 12.25);
-    EXPECT_EQ(c.imageWidth, 640);
-    EXPECT_EQ(c.displayScale, 2.0);
-    EXPECT_TRUE(c.dirty);
-    EXPECT_FALSE(c.localOnly);
-
-    const CaptureGroup g = RowDecoding::decodeGroup(rowOf({{"visibility", "public"}}));
-    EXPECT_EQ(g.visibility, GroupVisibility::private_);
-    EXPECT_EQ(RowDecoding::decodeGroup(rowOf({{"visibility", "workspace"}})).visibility,
-              GroupVisibility::workspace);
 }
 
 }  // namespace

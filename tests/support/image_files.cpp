@@ -59,18 +59,12 @@ bool compressJPEG(std::FILE* file, const Image* image, int quality) {
 }
 
 std::string encodeWebP(const Image& image) {
-    // WebP takes straight alpha.
-    std::vector<std::uint8_t> rgba(image.pixels.size() * 4);
-    for (int y = 0; y < image.height; ++y) {
+    std::vector<std::uint8_t> rgba;  // WebP takes straight alpha
+    for (int y = 0; y < image.height; ++y)
         for (int x = 0; x < image.width; ++x) {
             const RGBA c = colorAt(image, x, y);
-            std::uint8_t* p = &rgba[(static_cast<std::size_t>(y) * image.width + x) * 4];
-            p[0] = static_cast<std::uint8_t>(c.r);
-            p[1] = static_cast<std::uint8_t>(c.g);
-            p[2] = static_cast<std::uint8_t>(c.b);
-            p[3] = static_cast<std::uint8_t>(c.a);
+            for (const int channel : {c.r, c.g, c.b, c.a}) rgba.push_back(static_cast<std::uint8_t>(channel));
         }
-    }
     std::uint8_t* output = nullptr;
     const std::size_t size = WebPEncodeRGBA(rgba.data(), image.width, image.height, image.width * 4, 90, &output);
     std::unique_ptr<std::uint8_t, void (*)(void*)> owner(output, WebPFree);
@@ -81,28 +75,19 @@ std::string encodeWebP(const Image& image) {
 }  // namespace
 
 Image quadrantImage(int width, int height) {
-    Image image;
-    image.width = width;
-    image.height = height;
-    image.pixels.resize(static_cast<std::size_t>(width) * height);
-    for (int y = 0; y < height; ++y) {
+    Image image = solidImage(width, height, {});
+    for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x) {
             const bool right = x >= width / 2, bottom = y >= height / 2;
-            std::uint32_t p = bottom ? (right ? 0xffffffffu : 0xff0000ffu) : (right ? 0xff00ff00u : 0xffff0000u);
-            image.pixels[static_cast<std::size_t>(y) * width + x] = p;
+            image.pixels[static_cast<std::size_t>(y) * width + x] =
+                bottom ? (right ? 0xffffffffu : 0xff0000ffu) : (right ? 0xff00ff00u : 0xffff0000u);
         }
-    }
-    image.opaque = true;
     return image;
 }
 
 Image solidImage(int width, int height, RGBA color) {
-    Image image;
-    image.width = width;
-    image.height = height;
-    image.pixels.assign(static_cast<std::size_t>(width) * height, premultiplied(color));
-    image.opaque = color.a == 255;
-    return image;
+    return Image{width, height, std::vector<std::uint32_t>(static_cast<std::size_t>(width) * height, premultiplied(color)),
+                 color.a == 255};
 }
 
 void writeImageFile(const std::filesystem::path& path, const Image& image, ImageFileFormat format) {
@@ -139,34 +124,18 @@ std::string readBytes(const std::filesystem::path& path) {
 }
 
 std::vector<std::uint8_t> decodeBase64(std::string_view text) {
-    auto value = [](char c) -> int {
-        if (c >= 'A' && c <= 'Z') return c - 'A';
-        if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-        if (c >= '0' && c <= '9') return c - '0' + 52;
-        if (c == '+') return 62;
-        if (c == '/') return 63;
-        return -1;
-    };
+    static const std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     if (text.size() % 4 != 0) throw std::runtime_error("base64 length is not a multiple of 4");
     std::vector<std::uint8_t> out;
-    out.reserve(text.size() / 4 * 3);
-    for (std::size_t i = 0; i < text.size(); i += 4) {
-        const bool last = i + 4 == text.size();
-        int v[4];
-        int padding = 0;
-        for (int k = 0; k < 4; ++k) {
-            const char c = text[i + k];
-            if (c == '=' && last && k >= 2 && (k == 3 || text[i + 3] == '=')) {
-                v[k] = 0;
-                ++padding;
-            } else if ((v[k] = value(c)) < 0) {
-                throw std::runtime_error("bad base64 character");
-            }
-        }
-        const std::uint32_t word = (v[0] << 18) | (v[1] << 12) | (v[2] << 6) | v[3];
-        out.push_back(static_cast<std::uint8_t>(word >> 16));
-        if (padding < 2) out.push_back(static_cast<std::uint8_t>(word >> 8));
-        if (padding < 1) out.push_back(static_cast<std::uint8_t>(word));
+    std::uint32_t bits = 0;
+    int held = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        // Padding: one or two "=" that end the text.
+        if (text[i] == '=' && i + 2 >= text.size() && text.back() == '=') break;
+        const std::size_t value = alphabet.find(text[i]);
+        if (value == std::string_view::npos) throw std::runtime_error("bad base64 character");
+        bits = bits << 6 | static_cast<std::uint32_t>(value);
+        if ((held += 6) >= 8) out.push_back(static_cast<std::uint8_t>(bits >> (held -= 8)));
     }
     return out;
 }

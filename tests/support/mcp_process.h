@@ -1,87 +1,64 @@
 #pragma once
-// Drives a built server binary as a child process over pipes, the way an
-// agent's client does: lines of JSON-RPC in, lines of JSON-RPC out, a log on
-// standard error.
-//
-// Standard output is read by a thread into a queue of lines and standard
-// error by another thread into a buffer, so the child never blocks on a full
-// pipe. Every standard-output line must be one JSON document; a line that is
-// not is reported as a test failure.
+// A built program as a child process on pipes: by default mirel-mcp, driven
+// the way an agent's client drives it. Standard error goes to a memory file
+// so the child never blocks on it; every standard-output line read with
+// readLine must be one JSON document.
 #include "core/platform/json.h"
 
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <filesystem>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace mirel::test {
 
+using namespace std::chrono_literals;
+
 class McpProcess {
 public:
-    // Starts `binary` with MIREL_HOME=home plus `env` (which may override
-    // MIREL_HOME). MIREL_AGENT is unset unless `env` gives it.
-    explicit McpProcess(const std::filesystem::path& home, std::map<std::string, std::string> env = {},
-                        const std::filesystem::path& binary = MIREL_MCP_BINARY);
-    // Closes standard input and reaps the child, killing it after a timeout.
+    // Runs `argv` with this process's environment, MIREL_AGENT removed,
+    // MIREL_HOME=home, then `env` on top.
+    explicit McpProcess(const std::filesystem::path& home, const std::map<std::string, std::string>& env = {},
+                        const std::vector<std::string>& argv = {MIREL_MCP_BINARY});
+    // Closes standard input and reaps the child, killing it after a while.
     ~McpProcess();
     McpProcess(const McpProcess&) = delete;
     McpProcess& operator=(const McpProcess&) = delete;
 
-    void sendLine(const std::string& line);  // line + "\n"
+    void sendLine(const std::string& line) { sendRaw(line + "\n"); }
     void sendRaw(const std::string& bytes);
+    void closeInput();
 
-    // The next standard-output line without its line feed; nothing on
-    // timeout or once the child's output has ended.
-    std::optional<std::string> readLine(std::chrono::milliseconds timeout = std::chrono::seconds(20));
-    // True if no standard-output line arrives within `wait`.
-    bool silentFor(std::chrono::milliseconds wait = std::chrono::milliseconds(300));
-
-    // Sends a request with a fresh integer id and returns the parsed reply,
-    // checking that it carries that id. Null if no reply came.
+    // The next standard-output line without its line feed; nothing on timeout
+    // or once the output has ended.
+    std::optional<std::string> readLine(std::chrono::milliseconds timeout = 20s, bool json = true);
+    // Everything on standard output until it ends.
+    std::string readToEnd();
+    // A request with a fresh integer id; the parsed reply, checked to carry that id.
     Json request(const std::string& method, const Json& params = Json::object());
-    // tools/call; returns the reply's "result" (null if there was none).
+    // tools/call; the reply's "result".
     Json callTool(const std::string& name, const Json& arguments = Json::object());
-    // The text blocks of a tool result, concatenated in order.
+    // The text blocks of a tool result, joined.
     static std::string text(const Json& toolResult);
 
-    void closeInput();
-    // The exit status (128 + signal if killed by one); kills the child and
-    // reports a failure if it has not exited within `timeout`.
-    int waitForExit(std::chrono::milliseconds timeout = std::chrono::seconds(20));
-    // Everything read from standard error so far; complete after waitForExit.
-    std::string standardError();
-    // Waits for the child to exit and returns the standard-output lines not
-    // read yet.
-    std::vector<std::string> stdoutLinesAfterExit();
-
-    pid_t pid() const { return pid_; }
+    // The exit status, or 128 + the signal; kills a child still running after 20 s.
+    int waitForExit();
+    void terminate();
+    std::string standardError() const;
 
 private:
-    void readStdout(int fd);
-    void readStderr(int fd);
-    void joinReaders();
+    bool fill(std::chrono::steady_clock::time_point deadline);
 
     pid_t pid_ = -1;
-    int stdin_ = -1;
-    std::optional<int> exitStatus_;
+    int in_ = -1, out_ = -1, err_ = -1;
+    std::optional<int> status_;
+    std::string buffer_;
+    bool ended_ = false;
     int nextID_ = 1;
-    std::thread stdoutReader_;
-    std::thread stderrReader_;
-
-    // Guarded by mutex_.
-    std::mutex mutex_;
-    std::condition_variable arrived_;
-    std::deque<std::string> lines_;
-    bool stdoutEnded_ = false;
-    std::string stderr_;
 };
 
 }  // namespace mirel::test

@@ -1,6 +1,5 @@
 #include "tests/support/temp_library.h"
 
-#include <cstdlib>
 #include <stdexcept>
 
 namespace mirel::test {
@@ -9,19 +8,12 @@ TempLibrary::TempLibrary() {
     std::string pattern = (std::filesystem::temp_directory_path() / "mirel-test-XXXXXX").string();
     if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
     home_ = pattern;
-    if (const char* previous = std::getenv("MIREL_HOME")) {
-        hadPreviousHome_ = true;
-        previousHome_ = previous;
-    }
-    setenv("MIREL_HOME", home_.c_str(), 1);
+    env_.set("MIREL_HOME", home_.string());
 }
 
 TempLibrary::~TempLibrary() {
-    if (hadPreviousHome_) setenv("MIREL_HOME", previousHome_.c_str(), 1);
-    else unsetenv("MIREL_HOME");
-    std::error_code ignored;
-    std::filesystem::permissions(home_, std::filesystem::perms::owner_all,
-                                 std::filesystem::perm_options::add, ignored);
+    std::error_code ignored;  // a test may have taken the owner's rights away
+    std::filesystem::permissions(home_, std::filesystem::perms::owner_all, std::filesystem::perm_options::add, ignored);
     std::filesystem::remove_all(home_, ignored);
 }
 
