@@ -1,10 +1,8 @@
 #include "host/agent_clients.h"
 
-#include "core/platform/file_descriptor.h"
+#include "core/platform/file_io.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -102,27 +100,12 @@ std::pair<char, int> indentationOf(const std::string& text) {
     return {' ', 2};
 }
 
-// Replaces `file` with `text` at once: a temporary file beside it, synced, then
-// renamed over it, with the former file's mode.
+// Replaces `file` with `text` at once, with the former file's mode.
 void replaceFile(const fs::path& file, const std::string& text, std::optional<mode_t> mode) {
-    fs::path pattern = file;
-    pattern.replace_filename(file.filename().string().insert(0, 1, '.') + ".XXXXXX");
-    std::string temporary = pattern.string();
-    const int fd = mkstemp(temporary.data());
-    if (fd < 0) throw ClientConfigError(errnoText("write beside", file));
-    bool ok = (!mode || fchmod(fd, *mode) == 0) && writeAll(fd, text) && fsync(fd) == 0;
-    int failure = ok ? 0 : errno;
-    if (close(fd) != 0 && ok) {
-        ok = false;
-        failure = errno;
-    }
-    if (ok && rename(temporary.c_str(), file.c_str()) != 0) {
-        ok = false;
-        failure = errno;
-    }
-    if (!ok) {
-        unlink(temporary.c_str());
-        throw ClientConfigError("can't write " + file.string() + ": " + std::strerror(failure));
+    try {
+        writeFileAtomically(file, text, mode);
+    } catch (const fs::filesystem_error& error) {
+        throw ClientConfigError("can't write " + file.string() + ": " + error.code().message());
     }
 }
 

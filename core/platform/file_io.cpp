@@ -4,6 +4,7 @@
 #include "core/platform/file_descriptor.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -28,19 +29,18 @@ struct Descriptor {
 
 }  // namespace
 
-void writeFileAtomically(const fs::path& file, std::string_view bytes) {
+void writeFileAtomically(const fs::path& file, std::string_view bytes, std::optional<mode_t> mode) {
     const fs::path temporary = file.string() + ".tmp-" + newID().substr(0, 8);
+    int code = 0;
     {
         Descriptor out{::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)};
         if (out.fd < 0) fail("cannot write", file, errno);
-        if (!writeAll(out.fd, bytes)) {
-            const int code = errno;
-            ::unlink(temporary.c_str());
-            fail("cannot write", file, code);
-        }
+        // The file lands whole on disk before its name does, and with the
+        // mode asked for whatever the umask says.
+        if ((mode && ::fchmod(out.fd, *mode) != 0) || !writeAll(out.fd, bytes) || ::fsync(out.fd) != 0) code = errno;
     }
-    if (::rename(temporary.c_str(), file.c_str()) != 0) {
-        const int code = errno;
+    if (code == 0 && ::rename(temporary.c_str(), file.c_str()) != 0) code = errno;
+    if (code != 0) {
         ::unlink(temporary.c_str());
         fail("cannot write", file, code);
     }
