@@ -126,7 +126,8 @@ TEST_F(RemoteCaptures, DropRemovesRowsAndFilesAndIgnoresUnknownIDs) {
 }
 
 // Random local edits, exchanges with edits in flight and remote objects,
-// checked against a small model of the field-by-field rule.
+// checked against a small model of the field-by-field rule. Edits in flight
+// come from a second store on the same file, as from mirel-mcp.
 TEST_F(RemoteCaptures, RandomSequencesFollowTheModelOfTheRule) {
     const std::vector<std::string> fields = {"note", "url", "status", "tags"};
     const std::vector<std::string> statuses = {"open", "in_progress", "resolved"};
@@ -140,26 +141,29 @@ TEST_F(RemoteCaptures, RandomSequencesFollowTheModelOfTheRule) {
     const auto pick = [&](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
     int serial = 0;
 
+    CaptureStore other(library.databasePath());
     for (int sequence = 0; sequence < 40; ++sequence) {
-        const Capture seeded = seedShared("Local");
-        const std::string id = seeded.id;
+        // Every fourth row waits to go out whole, as an adopted one does.
+        const bool whole = sequence % 4 == 0;
+        const std::string id = seedShared("Local", whole ? "pendingPush" : "synced", whole ? R"({"*":true})" : "{}").id;
         Model model;
+        if (whole) model.pending = {"*"};
 
         // One local edit with a fresh value; gives the field it marked, if any.
-        const auto localEdit = [&]() -> std::optional<std::string> {
+        const auto localEdit = [&](CaptureStore& by) -> std::optional<std::string> {
             if (!model.exists) return std::nullopt;
             const std::string field = fields[pick(4)];
             if (field == "tags") {
                 std::vector<std::string> tags = {"t" + std::to_string(++serial)};
-                store.setTags(tags, id);
+                by.setTags(tags, id);
                 model.values["tags"] = tags[0];
             } else {
-                Capture c = *store.rawCapture(id);
+                Capture c = *by.rawCapture(id);
                 std::string value = field == "status" ? statuses[pick(3)] : "v" + std::to_string(++serial);
                 if (field == "note") c.note = value;
                 if (field == "url") c.url = value;
                 if (field == "status") c.status = *captureStatusFrom(value);
-                store.update(c);
+                by.update(c);
                 if (model.values[field] == value) return std::nullopt;
                 model.values[field] = value;
             }
@@ -205,12 +209,13 @@ TEST_F(RemoteCaptures, RandomSequencesFollowTheModelOfTheRule) {
             const auto collected = *std::find_if(waiting.begin(), waiting.end(), [&](auto& p) { return p.id == id; });
             const std::optional<Json> change = store.captureChange(collected);
             ASSERT_TRUE(change);
+            EXPECT_EQ(change->at("base_version"), model.version);
             std::set<std::string> marked;
             for (int n = pick(3); n > 0; --n) {
                 if (pick(4) == 0) {
-                    store.softDelete(id);
+                    other.softDelete(id);
                     marked.insert("delete");
-                } else if (const auto field = localEdit()) {
+                } else if (const auto field = localEdit(other)) {
                     marked.insert(*field);
                 }
             }
@@ -233,7 +238,7 @@ TEST_F(RemoteCaptures, RandomSequencesFollowTheModelOfTheRule) {
 
         for (int step = 0; step < 25; ++step) {
             switch (pick(5)) {
-                case 0: localEdit(); break;
+                case 0: localEdit(store); break;
                 case 1:
                     if (model.exists && pick(6) == 0) {
                         store.softDelete(id);
