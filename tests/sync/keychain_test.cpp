@@ -5,16 +5,10 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <thread>
 
 // Each blocking libsecret call leaves a few bytes behind inside libgio (from
@@ -43,6 +37,7 @@ public:
         env_.unset("DBUS_SESSION_BUS_ADDRESS");
     }
     ~TempHome() { fs::remove_all(root_); }
+    fs::path root() const { return root_; }
     fs::path sessionFile() const { return root_ / "config" / "mirel" / "session"; }
 
 private:
@@ -86,26 +81,12 @@ TEST(Keychain, SecretServiceKeepsOneItemPerAccountAndNoFile) {
         GTEST_SKIP() << "no private session bus: " << error.what();
     }
     // A login keyring in the temporary data folder, made and unlocked with the password on standard input.
-    int input[2];
-    ASSERT_EQ(pipe2(input, O_CLOEXEC), 0);
-    const pid_t keyring = fork();
-    if (keyring == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        const int devNull = open("/dev/null", O_WRONLY);
-        dup2(input[0], STDIN_FILENO);
-        dup2(devNull, STDOUT_FILENO);
-        dup2(devNull, STDERR_FILENO);
-        execlp("gnome-keyring-daemon", "gnome-keyring-daemon", "--foreground", "--unlock", "--components=secrets",
-               nullptr);
-        _exit(127);
-    }
-    const std::unique_ptr<const pid_t, void (*)(const pid_t*)> reaper(&keyring, [](const pid_t* pid) {
-        kill(*pid, SIGTERM);
-        waitpid(*pid, nullptr, 0);
-    });
-    close(input[0]);
-    [[maybe_unused]] const ssize_t written = write(input[1], "mirel-test", 10);
-    close(input[1]);
+    struct Daemon : test::McpProcess {
+        using McpProcess::McpProcess;
+        ~Daemon() { terminate(); }
+    } keyring(home.root(), {}, {"/usr/bin/gnome-keyring-daemon", "--foreground", "--unlock", "--components=secrets"});
+    keyring.sendRaw("mirel-test");
+    keyring.closeInput();
     bool answers = false;
     for (int tries = 0; tries < 100 && !(answers = SecretServiceStore::answers()); ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));

@@ -42,10 +42,8 @@ protected:
     }
     // Runs the loop until no work is left; fails if that takes `limit`.
     void runUntilIdle(std::chrono::milliseconds limit = 3000ms) {
-        const auto start = Clock::now();
         io_.run_for(limit);
         EXPECT_TRUE(io_.stopped()) << "work still pending after " << limit.count() << " ms";
-        EXPECT_LT(Clock::now() - start, limit);
         io_.restart();
     }
     void runFor(std::chrono::milliseconds time) {

@@ -12,13 +12,8 @@ using test::outcome;
 const std::vector<std::uint8_t> png = {0x89, 'P', 'N', 'G'};
 const std::string pngSHA = ContentHash::sha256(png);
 
-// Method, target and every header but "Host" and "Content-Length".
 std::string requestLine(const ApiTestServer::Seen& request) {
-    std::string line = request.method + " " + request.target;
-    for (const auto& [name, value] : request.headers) {
-        if (name != "Host" && name != "Content-Length") line += "; " + name + ": " + value;
-    }
-    return line;
+    return request.method + " " + request.target + test::headerText(request);
 }
 
 TEST(BlobUpload, FollowsTheServersAnswer) {

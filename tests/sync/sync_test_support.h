@@ -23,6 +23,15 @@ inline std::string outcome(const std::function<void()>& call) {
     }
 }
 
+// A request's headers but "Host" and "Content-Length", each as "; name: value".
+inline std::string headerText(const ApiTestServer::Seen& request) {
+    std::string text;
+    for (const auto& [name, value] : request.headers) {
+        if (name != "Host" && name != "Content-Length") text += "; " + name + ": " + value;
+    }
+    return text;
+}
+
 inline void waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
     while (!done() && std::chrono::steady_clock::now() < end)
