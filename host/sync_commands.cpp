@@ -250,7 +250,10 @@ int runWatch(const Arguments& arguments) {
                 notSignedIn("watch");
                 return exitNeedsSignIn;
             }
+            // The status handler and the signal handler use these after the
+            // coroutine below has returned: they live here, not in its frame.
             bool expired = false;
+            std::optional<SyncStatus> shown;
             std::unique_ptr<ChangeListener> listener;
             asio::signal_set signals(host.loop(), SIGINT, SIGTERM);
             const auto finish = [&] {
@@ -262,7 +265,6 @@ int runWatch(const Arguments& arguments) {
                 if (!error) asio::post(engine.executor(), finish);
             });
             host.run([&]() -> asio::awaitable<void> {
-                std::optional<SyncStatus> shown;
                 engine.onStatus([&](const SyncStatus& status) {
                     if (shown == status) return;
                     shown = status;
@@ -279,6 +281,8 @@ int runWatch(const Arguments& arguments) {
                 engine.start();
                 co_return;
             });
+            // The engine outlives this frame; nothing it does later may reach it.
+            engine.onStatus(nullptr);
             return expired ? exitNeedsSignIn : exitOK;
         },
         intervals);
