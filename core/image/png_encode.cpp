@@ -24,7 +24,14 @@ namespace {
 
 namespace png = detail::png;
 
-int levelFor(PNGCompression compression) { return compression == PNGCompression::small ? 9 : 4; }
+int levelFor(PNGCompression compression) {
+    switch (compression) {
+        case PNGCompression::fastest: return 1;
+        case PNGCompression::fast: return 4;
+        case PNGCompression::small: return 9;
+    }
+    return 4;
+}
 
 // Straight colour from premultiplied: (c × 255 + a / 2) / a, at most 255, by table.
 const std::array<std::uint8_t, 256 * 256>& unpremultiplyTable() {

@@ -14,15 +14,20 @@ std::optional<std::string> encode(const std::filesystem::path& url, int maxEdge)
         // formats that can shrink while decoding, and are let go at once
         // otherwise.
         std::optional<Image> image;
+        auto compression = ImageCodec::PNGCompression::fast;
         try {
-            image = ImageCodec::decode(readRegularFile(url, ImageCodec::maxFileBytes), maxEdge);
+            const auto bytes = readRegularFile(url, ImageCodec::maxFileBytes);
+            if (ImageCodec::sniff(bytes.data(), bytes.size()) == ImageCodec::Format::jpeg) {
+                compression = ImageCodec::PNGCompression::fastest;  // a photograph, as JPEGs nearly always are
+            }
+            image = ImageCodec::decode(bytes, maxEdge);
         } catch (const FileReadError&) {
         }
         if (!image) {
             logLine("could not read image at " + url.string());
             return std::nullopt;
         }
-        png = ImageCodec::encodePNG(std::move(*image), ImageCodec::PNGCompression::fast);
+        png = ImageCodec::encodePNG(std::move(*image), compression);
     }
     if (!png) return std::nullopt;
     return ImageCodec::base64(*png);

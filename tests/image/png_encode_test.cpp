@@ -13,7 +13,8 @@ TEST(EncodePNG, RoundTripsExactlyAsRGBOrRGBA) {
     clear.pixels[1] = 0, clear.pixels[2] = test::solidImage(1, 1, {10, 20, 30, 1}).pixels[0];  // fully and nearly clear
     const std::tuple<Image, ImageCodec::PNGCompression, int> cases[] = {
         {test::quadrantImage(33, 21), ImageCodec::PNGCompression::fast, 2},
-        {test::quadrantImage(33, 21), ImageCodec::PNGCompression::small, 2}, {clear, ImageCodec::PNGCompression::fast, 6}};
+        {test::quadrantImage(33, 21), ImageCodec::PNGCompression::small, 2},
+        {test::quadrantImage(33, 21), ImageCodec::PNGCompression::fastest, 2}, {clear, ImageCodec::PNGCompression::fast, 6}};
     for (const auto& [image, compression, colorType] : cases) {
         const auto png = ImageCodec::encodePNG(image, compression);
         ASSERT_TRUE(png);
