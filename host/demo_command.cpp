@@ -57,14 +57,7 @@ struct DemoCapture {
 
 void comment(CaptureStore& store, const std::string& captureID, const std::string& author, bool isAgent,
              const std::string& body, Date at) {
-    Comment c;
-    c.id = newID();
-    c.captureID = captureID;
-    c.author = author;
-    c.isAgent = isAgent;
-    c.body = body;
-    c.createdAt = at;
-    store.addComment(c);
+    store.addComment(Comment::written(captureID, author, isAgent, body, at));
 }
 
 std::vector<DemoCapture> board() {

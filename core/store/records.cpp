@@ -8,6 +8,18 @@
 
 namespace mirel {
 
+Comment Comment::written(const std::string& captureID, const std::string& author, bool isAgent,
+                         const std::string& body, Date at) {
+    Comment comment;
+    comment.id = newID();
+    comment.captureID = captureID;
+    comment.author = author;
+    comment.isAgent = isAgent;
+    comment.body = body;
+    comment.createdAt = at;
+    return comment;
+}
+
 namespace {
 
 // One table per enumeration: case, raw word, display name. The parsers walk

@@ -163,6 +163,10 @@ struct Comment {
     std::string kind = "comment";
     SyncState syncState = SyncState::local;
 
+    // A new comment written on this device, with a fresh id.
+    static Comment written(const std::string& captureID, const std::string& author, bool isAgent,
+                           const std::string& body, Date at);
+
     bool isConflict() const { return kind == "conflict"; }
     bool operator==(const Comment&) const = default;
 };

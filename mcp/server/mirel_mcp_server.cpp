@@ -42,8 +42,9 @@ MirelMCPServer::MirelMCPServer()
 void MirelMCPServer::run(std::istream& input) {
     logLine("ready — library at " + MirelPaths::databaseURL().string());
     std::string raw;
+    // A CR before the line feed is whitespace both to the blank-line check and
+    // to JSON, so lines ending in CR LF need no case of their own.
     while (std::getline(input, raw)) {
-        if (!raw.empty() && raw.back() == '\r') raw.pop_back();
         const std::string line = repairUTF8(raw);
         if (trimWhitespaceAndNewlines(line).empty()) continue;
         if (auto request = JSONRPC::parse(line)) {

@@ -13,16 +13,7 @@ using Format::quoted;
 using ToolSchema::property;
 
 Comment agentComment(const std::string& captureID, const std::string& author, const std::string& body) {
-    Comment comment;
-    comment.id = newID();
-    comment.captureID = captureID;
-    comment.author = author;
-    comment.isAgent = true;
-    comment.body = body;
-    comment.createdAt = Clock::now();
-    comment.kind = "comment";
-    comment.syncState = SyncState::local;
-    return comment;
+    return Comment::written(captureID, author, true, body, Clock::now());
 }
 
 ToolResult claimCapture(const ToolContext& context, const Json& arguments) {
