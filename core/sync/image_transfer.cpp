@@ -115,17 +115,22 @@ void SyncEngine::storeDownloadedImages(const std::vector<DownloadedImage>& image
     };
     try {
         syncFileSystems({MirelPaths::capturesRoot(), MirelPaths::thumbsRoot()});
+        // One commit for the batch; an image that fails takes back only its own writes.
+        store_.transaction([&] {
+            for (const DownloadedImage& image : images) {
+                try {
+                    store_.transaction([&] {
+                        store_.setImagePaths(image.id, image.imagePath, image.annotatedPath, image.thumbPath);
+                        if (const auto stored = store_.rawImage(image.id)) store_.refreshCover(stored->captureID);
+                    });
+                } catch (const std::exception& error) {
+                    warn(image.id, error.what());
+                }
+            }
+        });
     } catch (const std::exception& error) {
+        // Nothing of the batch was stored (its warnings included).
         for (const DownloadedImage& image : images) warn(image.id, error.what());
-        return;
-    }
-    for (const DownloadedImage& image : images) {
-        try {
-            store_.setImagePaths(image.id, image.imagePath, image.annotatedPath, image.thumbPath);
-            if (const auto stored = store_.rawImage(image.id)) store_.refreshCover(stored->captureID);
-        } catch (const std::exception& error) {
-            warn(image.id, error.what());
-        }
     }
 }
 
