@@ -339,5 +339,38 @@ TEST_F(SyncEngineTest, AScreenshotThatIsItsOwnThumbnailTravelsOnceEachWay) {
     EXPECT_EQ(text("captures", shared.id, "image_path"), imagePath);  // the cover follows
 }
 
+TEST_F(SyncEngineTest, ABatchCutOffByTheServerKeepsTheImagesFinishedBeforeIt) {
+    const Capture c = seedShared("Shared");
+    Json rows = Json::array();
+    std::vector<std::string> shas;
+    for (int n = 0; n < 3; ++n) {
+        const std::string png = "\x89PNG\r\n\x1a\n" + std::string(100, static_cast<char>('a' + n));
+        shas.push_back(ContentHash::sha256({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()}));
+        // Newest first: the last one is fetched last.
+        rows.push_back({{"table", "capture_images"},
+                        {"row",
+                         {{"id", "img-" + std::to_string(n)}, {"capture_id", c.id}, {"position", n},
+                          {"original_sha256", shas[n]}, {"version", 1},
+                          {"created_at", "2024-06-0" + std::to_string(3 - n) + "T00:00:00Z"}}}});
+        server.on("GET /v1/blobs/ws-1/" + shas[n],
+                  ApiTestServer::json(200, Json{{"url", server.url() + "/store/" + shas[n]}}.dump()));
+        server.on("GET /store/" + shas[n], [png](const httplib::Request&, httplib::Response& response) {
+            response.set_content(png, "image/png");
+        });
+    }
+    server.on("GET /v1/blobs/ws-1/" + shas[2], [](const httplib::Request&, httplib::Response& response) {
+        response.set_content_provider(100, "application/json", [](std::size_t, std::size_t, httplib::DataSink& sink) {
+            sink.write("{\"url\":", 7);
+            return false;  // the connection to the API breaks
+        });
+    });
+    onSync([&](const Json&, int exchange) { return exchange > 1 ? Json::object() : Json{{"changes", rows}}; });
+    make();
+    syncOnce();
+    EXPECT_EQ(statuses.back(), "offline");
+    for (int n : {0, 1}) EXPECT_NE(text("capture_images", "img-" + std::to_string(n), "image_path"), "") << n;
+    EXPECT_EQ(text("capture_images", "img-2", "image_path"), "");
+}
+
 }  // namespace
 }  // namespace mirel::test
