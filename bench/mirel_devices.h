@@ -45,8 +45,7 @@ struct Device {
     }
 };
 
-// `mirel WORDS…` for a device, its standard output in `out` (polled while it
-// runs when `onOutput` is given), standard error in `err`.
+// What a finished `mirel` gave: its exit status, standard output and error.
 struct Ran {
     int status = -1;
     std::string out, err;
@@ -57,8 +56,10 @@ inline std::string readText(const fs::path& path) {
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-inline Ran runMirel(const Device& device, const std::string& url, const std::vector<std::string>& words,
-             const fs::path& logs, const std::function<void(const std::string&)>& onOutput = {}) {
+// Starts `mirel WORDS…` for `device`, its standard output in LOGS.out and
+// standard error in LOGS.err; gives its process id.
+inline pid_t spawnMirel(const Device& device, const std::string& url, const std::vector<std::string>& words,
+                        const fs::path& logs) {
     std::vector<std::string> entries;
     const auto env = device.env(url);
     for (char** e = environ; *e; ++e) {
@@ -84,7 +85,14 @@ inline Ran runMirel(const Device& device, const std::string& url, const std::vec
     const int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     if (failed != 0) throw std::runtime_error("can't start " + argvWords[0]);
+    return pid;
+}
 
+// `mirel WORDS…` to its end, its output polled while it runs when `onOutput` is given.
+inline Ran runMirel(const Device& device, const std::string& url, const std::vector<std::string>& words,
+                    const fs::path& logs, const std::function<void(const std::string&)>& onOutput = {}) {
+    const pid_t pid = spawnMirel(device, url, words, logs);
+    const fs::path outPath = logs.string() + ".out", errPath = logs.string() + ".err";
     int raw = 0;
     if (onOutput) {
         while (::waitpid(pid, &raw, WNOHANG) == 0) {

@@ -15,7 +15,6 @@
 #include "tests/support/server_process.h"
 
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 
 #include <chrono>
@@ -65,35 +64,6 @@ std::int64_t capturesIn(const bench::Device& device, const std::string& url) {
     return count;
 }
 
-// `mirel watch` for `device`, standard output and error into files.
-pid_t startWatch(const bench::Device& device, const std::string& url, const fs::path& logs) {
-    std::vector<std::string> entries;
-    const auto env = device.env(url);
-    for (char** e = environ; *e; ++e) {
-        const std::string entry = *e;
-        if (!env.count(entry.substr(0, entry.find('=')))) entries.push_back(entry);
-    }
-    for (const auto& [key, value] : env) entries.push_back(key + "=" + value);
-    // A run 200 ms after an event instead of 2 s: the same work, sooner.
-    std::vector<std::string> words{MIREL_HOST_BINARY, "watch", "--intervals", "30000,200,1000"};
-    std::vector<char*> argv, envp;
-    for (auto& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    for (auto& entry : entries) envp.push_back(entry.data());
-    envp.push_back(nullptr);
-    const std::string out = logs.string() + ".out", err = logs.string() + ".err";
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t pid = -1;
-    const int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (failed != 0) throw std::runtime_error("can't start mirel watch");
-    return pid;
-}
-
 Json newCaptures(const std::string& workspaceID, int first, int count) {
     Json changes = Json::array();
     for (int n = first; n < first + count; ++n) {
@@ -135,7 +105,9 @@ int main(int argc, char** argv) {
         const std::string token = server.signIn(bench::kEmail);  // the pushing device
         const std::string workspaceID = server.workspaceID(token, "team");
 
-        const pid_t pid = startWatch(watcher, server.url(), scratch / "watch");
+        // A run 200 ms after an event instead of 2 s: the same work, sooner.
+        const pid_t pid =
+            bench::spawnMirel(watcher, server.url(), {"watch", "--intervals", "30000,200,1000"}, scratch / "watch");
         std::this_thread::sleep_for(std::chrono::seconds(2));  // started, first run over, stream open
         report("start", 0, pid);
 
