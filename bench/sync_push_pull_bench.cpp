@@ -8,18 +8,13 @@
 //   cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DMIREL_BUILD_BENCH=ON -DMIREL_BUILD_TESTS=OFF
 //   ninja -C build-bench sync_push_pull_bench mirel mirel-server
 //   build-bench/bench/sync_push_pull_bench [captures]    (default 10000)
+#include "bench/mirel_devices.h"
 #include "core/image/image.h"
 #include "core/platform/clock.h"
 #include "core/store/capture_store.h"
 #include "core/store/mirel_paths.h"
 #include "tests/support/server_process.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -34,103 +29,21 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
-
 namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using mirel::test::ServerProcess;
+using bench::Device;
+using bench::Ran;
+using bench::kEmail;
+using bench::runMirel;
+using bench::signIn;
 
-constexpr const char* kEmail = "ada@example.com";
 constexpr int kMaxRuns = 5000;  // a stalled run ends the loop long before
 constexpr int kImageEdge = 48;
 
 double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
-
-// One library: its folders and the environment its `mirel` runs with.
-struct Device {
-    std::string name;
-    fs::path home, config;
-    std::map<std::string, std::string> env(const std::string& url) const {
-        return {{"MIREL_HOME", home.string()},
-                {"XDG_CONFIG_HOME", config.string()},
-                {"MIREL_API_URL", url},
-                {"DBUS_SESSION_BUS_ADDRESS", "disabled:"},
-                {"MIREL_AGENT", ""}};
-    }
-    // Points this process at the library, for the untimed seeding and checks.
-    void enter(const std::string& url) const {
-        for (const auto& [key, value] : env(url)) setenv(key.c_str(), value.c_str(), 1);
-    }
-};
-
-// `mirel WORDS…` for a device, its standard output in `out` (polled while it
-// runs when `onOutput` is given), standard error in `err`.
-struct Ran {
-    int status = -1;
-    std::string out, err;
-};
-
-std::string readText(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-Ran runMirel(const Device& device, const std::string& url, const std::vector<std::string>& words,
-             const fs::path& logs, const std::function<void(const std::string&)>& onOutput = {}) {
-    std::vector<std::string> entries;
-    const auto env = device.env(url);
-    for (char** e = environ; *e; ++e) {
-        const std::string entry = *e;
-        if (!env.count(entry.substr(0, entry.find('=')))) entries.push_back(entry);
-    }
-    for (const auto& [key, value] : env) entries.push_back(key + "=" + value);
-    std::vector<std::string> argvWords{MIREL_HOST_BINARY};
-    argvWords.insert(argvWords.end(), words.begin(), words.end());
-    std::vector<char*> argv, envp;
-    for (auto& word : argvWords) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    for (auto& entry : entries) envp.push_back(entry.data());
-    envp.push_back(nullptr);
-
-    const fs::path outPath = logs.string() + ".out", errPath = logs.string() + ".err";
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t pid = -1;
-    const int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (failed != 0) throw std::runtime_error("can't start " + argvWords[0]);
-
-    int raw = 0;
-    if (onOutput) {
-        while (::waitpid(pid, &raw, WNOHANG) == 0) {
-            onOutput(readText(outPath));
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-    } else {
-        ::waitpid(pid, &raw, 0);
-    }
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), readText(outPath), readText(errPath)};
-}
-
-// `mirel signin`, approved with `mirel-server approve` as soon as the code shows.
-void signIn(const ServerProcess& server, const Device& device, const fs::path& scratch) {
-    bool approved = false;
-    const Ran ran = runMirel(device, server.url(), {"signin"}, scratch / (device.name + "-signin"),
-                             [&](const std::string& out) {
-                                 const auto at = out.find("Code: ");
-                                 if (approved || at == std::string::npos || out.find('\n', at) == std::string::npos) return;
-                                 const std::string code = out.substr(at + 6, out.find('\n', at) - at - 6);
-                                 const auto result = server.admin({"approve", code, "--user", kEmail});
-                                 if (result.status != 0) throw std::runtime_error("approve failed: " + result.text);
-                                 approved = true;
-                             });
-    if (ran.status != 0) throw std::runtime_error(device.name + ": mirel signin failed: " + ran.err);
-}
 
 // A PNG of its own for capture `n`, so that no two blobs are the same.
 std::vector<std::uint8_t> smallPNG(int n) {

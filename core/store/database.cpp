@@ -13,13 +13,33 @@ namespace mirel {
 
 void Database::Closer::operator()(sqlite3* handle) const { sqlite3_close_v2(handle); }
 
-// A prepared statement that lives inside one call.
+void Database::Finalizer::operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+
+namespace {
+
+// Distinct statement texts kept at once; texts built at run time (lists of
+// columns) could otherwise grow the cache without end.
+constexpr std::size_t maxCachedStatements = 256;
+
+}  // namespace
+
+// A prepared statement for the length of one call: a cached one goes back to
+// the cache reset, with its bindings cleared; an extra one is finalized.
 struct Database::Statement {
-    struct Finalizer {
-        void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
-    };
-    std::unique_ptr<sqlite3_stmt, Finalizer> stmt;
-    sqlite3_stmt* get() const { return stmt.get(); }
+    sqlite3_stmt* raw = nullptr;
+    CachedStatement* cached = nullptr;
+    std::unique_ptr<sqlite3_stmt, Finalizer> owned;
+
+    Statement() = default;
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+    ~Statement() {
+        if (!cached) return;
+        sqlite3_reset(raw);  // also ends the read a half-stepped statement holds
+        sqlite3_clear_bindings(raw);
+        cached->inUse = false;
+    }
+    sqlite3_stmt* get() const { return raw; }
 };
 
 Database::Database(const std::filesystem::path& path) {
@@ -58,14 +78,35 @@ void Database::switchToWAL() {
     }
 }
 
-Database::Statement Database::prepare(const std::string& sql, const std::vector<SQLValue>& values) {
+void Database::prepare(Statement& statement, const std::string& sql, const std::vector<SQLValue>& values) {
     using Stage = DatabaseError::Case;
     if (!handle_) throw sqliteError(nullptr, SQLITE_MISUSE, Stage::prepareFailed, sql);
-    sqlite3_stmt* raw = nullptr;
-    const int rc = sqlite3_prepare_v2(handle_.get(), sql.c_str(), -1, &raw, nullptr);
-    Statement statement{std::unique_ptr<sqlite3_stmt, Statement::Finalizer>(raw)};
-    if (rc != SQLITE_OK) throw sqliteError(handle_.get(), rc, Stage::prepareFailed, sql);
-    if (!raw) return statement;  // empty text or only a comment: nothing to run
+    auto found = statements_.find(sql);
+    if (found != statements_.end() && found->second.stale && !found->second.inUse) {
+        statements_.erase(found);
+        found = statements_.end();
+    }
+    if (found != statements_.end() && !found->second.inUse) {
+        statement.raw = found->second.stmt.get();
+    } else {
+        sqlite3_stmt* prepared = nullptr;
+        const int rc = sqlite3_prepare_v2(handle_.get(), sql.c_str(), -1, &prepared, nullptr);
+        statement.owned.reset(prepared);
+        if (rc != SQLITE_OK) throw sqliteError(handle_.get(), rc, Stage::prepareFailed, sql);
+        if (!prepared) return;  // empty text or only a comment: nothing to run
+        statement.raw = prepared;
+        if (found == statements_.end()) {
+            if (statements_.size() >= maxCachedStatements) {
+                std::erase_if(statements_, [](const auto& entry) { return !entry.second.inUse; });
+            }
+            statements_[sql].stmt = std::move(statement.owned);
+        }
+    }
+    if (statement.owned == nullptr) {
+        statement.cached = &statements_.at(sql);
+        statement.cached->inUse = true;
+    }
+    sqlite3_stmt* raw = statement.raw;
     // Values beyond the statement's parameters are not bound; missing ones stay NULL.
     const int parameters = sqlite3_bind_parameter_count(raw);
     for (int index = 1; index <= parameters && index <= static_cast<int>(values.size()); ++index) {
@@ -86,14 +127,25 @@ Database::Statement Database::prepare(const std::string& sql, const std::vector<
         }
         if (bound != SQLITE_OK) throw sqliteError(handle_.get(), bound, Stage::prepareFailed, sql);
     }
-    return statement;
+}
+
+// A kept statement whose first step fails with a plain error may have been
+// made stale by another connection's schema change (a dropped table, say):
+// the call is made once more with a fresh statement, so that it fails, or
+// not, exactly as a fresh one does.
+bool Database::firstStepOfStaleStatement(Statement& statement, int rc) {
+    if (!statement.cached || (rc & 0xff) != SQLITE_ERROR) return false;
+    statement.cached->stale = true;
+    return true;
 }
 
 std::int64_t Database::execute(const std::string& sql, const std::vector<SQLValue>& values) {
     std::lock_guard<std::recursive_mutex> guard(lock_);
-    Statement statement = prepare(sql, values);
+    Statement statement;
+    prepare(statement, sql, values);
     if (!statement.get()) return 0;
     const int rc = sqlite3_step(statement.get());
+    if (firstStepOfStaleStatement(statement, rc)) return execute(sql, values);
     if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
         throw sqliteError(handle_.get(), rc, DatabaseError::Case::stepFailed, sql);
     }
@@ -111,10 +163,16 @@ void Database::executeRaw(const std::string& sql) {
 
 std::vector<Row> Database::query(const std::string& sql, const std::vector<SQLValue>& values) {
     std::lock_guard<std::recursive_mutex> guard(lock_);
-    Statement statement = prepare(sql, values);
+    Statement statement;
+    prepare(statement, sql, values);
     std::vector<Row> rows;
     sqlite3_stmt* stmt = statement.get();
     if (!stmt) return rows;
+    int rc = sqlite3_step(stmt);
+    if (firstStepOfStaleStatement(statement, rc)) return query(sql, values);
+    // Names are read after the first step: a kept statement that SQLite
+    // prepared again there (another connection changed the schema) may have
+    // other columns now.
     const int columns = sqlite3_column_count(stmt);
     auto names = std::make_shared<Row::Columns>();
     names->reserve(columns);
@@ -122,7 +180,7 @@ std::vector<Row> Database::query(const std::string& sql, const std::vector<SQLVa
         const char* name = sqlite3_column_name(stmt, i);
         names->emplace_back(name ? name : "");
     }
-    while (sqlite3_step(stmt) == SQLITE_ROW) {
+    for (; rc == SQLITE_ROW; rc = sqlite3_step(stmt)) {
         std::vector<SQLValue> cells;
         cells.reserve(columns);
         for (int i = 0; i < columns; ++i) {

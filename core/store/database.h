@@ -10,10 +10,12 @@
 #include <mutex>
 #include <string>
 #include <type_traits>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace mirel {
 
@@ -84,10 +86,22 @@ private:
         void operator()(sqlite3* handle) const;
     };
     struct Statement;
+    struct Finalizer {
+        void operator()(sqlite3_stmt* stmt) const;
+    };
+    struct CachedStatement {
+        std::unique_ptr<sqlite3_stmt, Finalizer> stmt;
+        bool inUse = false;
+        bool stale = false;  // replaced when next asked for
+    };
 
     using AfterCommit = std::vector<std::function<void()>>;
 
-    Statement prepare(const std::string& sql, const std::vector<SQLValue>& values);
+    // Fills `statement` with the prepared `sql` (nothing for an empty text)
+    // and binds `values`.
+    void prepare(Statement& statement, const std::string& sql, const std::vector<SQLValue>& values);
+    // True when the call should be made again with a fresh statement.
+    static bool firstStepOfStaleStatement(Statement& statement, int rc);
     // The level just opened: 1 for the outermost transaction.
     int begin();
     // Ends `level` successfully; for the outermost, the actions now due.
@@ -104,6 +118,10 @@ private:
     // with the level that asked for each.
     int depth_ = 0;
     std::vector<std::pair<int, std::function<void()>>> pending_;
+    // Guarded by lock_: prepared statements by their text, kept for the next
+    // call, since parsing costs more than running most of them. Declared
+    // after handle_, so they are finalized before the connection closes.
+    std::unordered_map<std::string, CachedStatement> statements_;
 };
 
 }  // namespace mirel

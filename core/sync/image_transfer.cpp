@@ -62,18 +62,23 @@ asio::awaitable<void> SyncEngine::ensureBlobs(const CaptureImage& image) {
         File{image.annotatedPath, MirelPaths::imageURL, image.markedSHA256},
         File{image.thumbPath, MirelPaths::thumbURL, image.thumbSHA256},
     };
+    std::vector<std::string> onServer;  // hashes of this image's files known to be there
     for (File& file : files) {
         if (!file.path) continue;
         // A stored path that climbs out of the library locates nothing, and
         // reading nothing fails: the image is skipped with a warning.
         const std::vector<std::uint8_t> data = readRegularFile(file.locate(*file.path), Http::maxBlobBytes);
         const std::string sha = ContentHash::sha256(data);
-        if (file.hash == sha) continue;  // on the server already
-        const std::string type = contentType(*file.path);
-        co_await call([&](const Cancellation& cancel) {
-            client_.ensureUploaded(*capture->workspaceID, data, sha, type, cancel);
-        });
+        // A stored hash that matches is on the server already, and so is an
+        // earlier file's (a small screenshot is its own thumbnail).
+        if (file.hash != sha && std::find(onServer.begin(), onServer.end(), sha) == onServer.end()) {
+            const std::string type = contentType(*file.path);
+            co_await call([&](const Cancellation& cancel) {
+                client_.ensureUploaded(*capture->workspaceID, data, sha, type, cancel);
+            });
+        }
         file.hash = sha;
+        onServer.push_back(sha);
     }
     store_.setImageHashes(image.id, files[0].hash, files[1].hash, files[2].hash);
 }
@@ -81,54 +86,95 @@ asio::awaitable<void> SyncEngine::ensureBlobs(const CaptureImage& image) {
 asio::awaitable<void> SyncEngine::downloadPendingImages() {
     const auto awaiting = store_.imagesAwaitingDownload(downloadsPerRun);
     if (awaiting.empty()) co_return;
+    // Files are made durable once for the whole batch, not one fsync each,
+    // and a path is stored only after that.
+    std::vector<DownloadedImage> downloaded;
     for (const auto& [image, workspaceID] : awaiting) {  // only rows with plain names are offered
         std::optional<std::string> failure;
         try {
-            co_await downloadImage(image, workspaceID);
+            downloaded.push_back(co_await downloadImage(image, workspaceID));
         } catch (const SyncError& error) {
-            if (error.kind() == SyncError::Kind::unauthorized || error.kind() == SyncError::Kind::offline) throw;
+            if (error.kind() == SyncError::Kind::unauthorized || error.kind() == SyncError::Kind::offline) {
+                storeDownloadedImages(downloaded);  // what was finished before the run ends
+                throw;
+            }
             failure = error.what();
         } catch (const std::exception& error) {
             failure = error.what();
         }
         if (failure) store_.log("warn", "Download for image " + id8(image.id) + " failed: " + *failure);
     }
+    storeDownloadedImages(downloaded);
     ChangeSignal::post();
 }
 
-asio::awaitable<void> SyncEngine::downloadImage(const CaptureImage& image, const std::string& workspaceID) {
-    std::string imagePath = image.imagePath;
-    std::optional<std::string> annotatedPath = image.annotatedPath;
-    std::optional<std::string> thumbPath = image.thumbPath;
+void SyncEngine::storeDownloadedImages(const std::vector<DownloadedImage>& images) {
+    if (images.empty()) return;
+    const auto warn = [this](const std::string& id, const char* failure) {
+        store_.log("warn", "Download for image " + id8(id) + " failed: " + failure);
+    };
+    try {
+        syncFileSystems({MirelPaths::capturesRoot(), MirelPaths::thumbsRoot()});
+        // One commit for the batch; an image that fails takes back only its own writes.
+        store_.transaction([&] {
+            for (const DownloadedImage& image : images) {
+                try {
+                    store_.transaction([&] {
+                        store_.setImagePaths(image.id, image.imagePath, image.annotatedPath, image.thumbPath);
+                        if (const auto stored = store_.rawImage(image.id)) store_.refreshCover(stored->captureID);
+                    });
+                } catch (const std::exception& error) {
+                    warn(image.id, error.what());
+                }
+            }
+        });
+    } catch (const std::exception& error) {
+        // Nothing of the batch was stored (its warnings included).
+        for (const DownloadedImage& image : images) warn(image.id, error.what());
+    }
+}
+
+asio::awaitable<SyncEngine::DownloadedImage> SyncEngine::downloadImage(const CaptureImage& image,
+                                                                       const std::string& workspaceID) {
+    DownloadedImage paths{image.id, image.imagePath, image.annotatedPath, image.thumbPath};
     // Named, not temporaries: g++ 12 destroys a temporary argument of a
     // coroutine called in a co_await twice.
     const std::filesystem::path capturesRoot = MirelPaths::capturesRoot(), thumbsRoot = MirelPaths::thumbsRoot();
     const std::string markedID = image.id + "-marked";
-    if (imagePath.empty() && image.originalSHA256) {
-        imagePath = co_await fetchImageFile(workspaceID, *image.originalSHA256, image.id, image.createdAt, capturesRoot);
+    FetchedBlob last;
+    if (paths.imagePath.empty() && image.originalSHA256) {
+        paths.imagePath =
+            co_await fetchImageFile(workspaceID, *image.originalSHA256, image.id, image.createdAt, capturesRoot, last);
     }
     // Equal hashes: the image has no separate marked-up file.
-    if (!annotatedPath && image.markedSHA256 && image.markedSHA256 != image.originalSHA256) {
-        annotatedPath =
-            co_await fetchImageFile(workspaceID, *image.markedSHA256, markedID, image.createdAt, capturesRoot);
+    if (!paths.annotatedPath && image.markedSHA256 && image.markedSHA256 != image.originalSHA256) {
+        paths.annotatedPath =
+            co_await fetchImageFile(workspaceID, *image.markedSHA256, markedID, image.createdAt, capturesRoot, last);
     }
-    if (!thumbPath && image.thumbSHA256) {
-        thumbPath = co_await fetchImageFile(workspaceID, *image.thumbSHA256, image.id, image.createdAt, thumbsRoot);
+    if (!paths.thumbPath && image.thumbSHA256) {
+        paths.thumbPath =
+            co_await fetchImageFile(workspaceID, *image.thumbSHA256, image.id, image.createdAt, thumbsRoot, last);
     }
-    store_.setImagePaths(image.id, imagePath, annotatedPath, thumbPath);
-    if (const auto stored = store_.rawImage(image.id)) store_.refreshCover(stored->captureID);
+    co_return paths;
 }
 
 asio::awaitable<std::string> SyncEngine::fetchImageFile(const std::string& workspaceID, const std::string& sha,
                                                         const std::string& nameID, Date createdAt,
-                                                        const std::filesystem::path& root) {
-    const std::vector<std::uint8_t> data = co_await call(
-        [this, &workspaceID, &sha](const Cancellation& cancel) { return client_.downloadBlob(workspaceID, sha, cancel); });
+                                                        const std::filesystem::path& root, FetchedBlob& last) {
+    if (last.sha != sha) {
+        last = {};  // not held twice while the next one arrives
+        last.bytes = co_await call([this, &workspaceID, &sha](const Cancellation& cancel) {
+            return client_.downloadBlob(workspaceID, sha, cancel);
+        });
+        last.sha = sha;
+    }
+    const std::vector<std::uint8_t>& data = last.bytes;
     // The extension comes from the bytes, never from a stored name.
     const std::string relative = MirelPaths::relativeImagePath(nameID, createdAt, imageKind(data).ext);
     const std::filesystem::path file = root / relative;
     MirelPaths::ensureParentDirectory(file);
-    writeFileAtomically(file, std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
+    writeFileAtomically(file, std::string_view(reinterpret_cast<const char*>(data.data()), data.size()), std::nullopt,
+                        Durability::byCaller);
     co_return relative;
 }
 

@@ -140,10 +140,25 @@ private:
 
     asio::awaitable<void> ensureBlobs(const CaptureImage& image);
     asio::awaitable<void> downloadPendingImages();
-    asio::awaitable<void> downloadImage(const CaptureImage& image, const std::string& workspaceID);
+    // An image whose files are written but whose paths are not stored yet.
+    struct DownloadedImage {
+        std::string id;
+        std::string imagePath;
+        std::optional<std::string> annotatedPath;
+        std::optional<std::string> thumbPath;
+    };
+    // The last blob fetched for an image, so that a file with the same hash
+    // (a small screenshot is its own thumbnail) is not fetched twice.
+    struct FetchedBlob {
+        std::string sha;
+        std::vector<std::uint8_t> bytes;
+    };
+    asio::awaitable<DownloadedImage> downloadImage(const CaptureImage& image, const std::string& workspaceID);
     asio::awaitable<std::string> fetchImageFile(const std::string& workspaceID, const std::string& sha,
                                                 const std::string& nameID, Date createdAt,
-                                                const std::filesystem::path& root);
+                                                const std::filesystem::path& root, FetchedBlob& last);
+    // Makes the images' files durable, then stores their paths, in order.
+    void storeDownloadedImages(const std::vector<DownloadedImage>& images);
 
     void startEvents();
     static asio::awaitable<void> readEvents(std::shared_ptr<SyncEngine> self);

@@ -59,6 +59,33 @@ TEST_F(DatabaseTest, RunsFirstStatementsAndNamesTheOneThatFailed) {
               "SQL execution failed: m\nS|stepFailed(\"m\", sql: \"S\")|SQL prepare failed: m\nS|prepareFailed(\"m\", sql: \"S\")");
 }
 
+// Statements are kept between calls: each call must still see its own
+// values, the latest data, and the schema as another connection left it.
+TEST_F(DatabaseTest, KeptStatementsBehaveAsFreshOnes) {
+    Database other{library.home() / "nested" / "test.sqlite"};
+    db.execute("INSERT INTO t (x) VALUES (?), (?);", {SQLValue(1), SQLValue(2)});
+    db.execute("INSERT INTO t (x) VALUES (?), (?);", {SQLValue(3), SQLValue()});
+    EXPECT_EQ(xs(), "1,2,3");
+    // A SELECT run by execute stops at its first row; its read must end there.
+    db.execute("SELECT x FROM t WHERE x > ?;", {SQLValue(1)});
+    other.execute("INSERT INTO t (x) VALUES (9);");
+    EXPECT_EQ(xs(), "1,2,3,9");
+    EXPECT_EQ(db.query("SELECT x FROM t WHERE x > ?;", {SQLValue(2)}).size(), 2u);
+    // A missing value is NULL, not the one bound in the previous call.
+    EXPECT_EQ(db.query("SELECT x FROM t WHERE x > ?;", {}).size(), 0u);
+
+    other.executeRaw("ALTER TABLE t ADD COLUMN z DEFAULT 'new';");
+    EXPECT_EQ(db.query("SELECT * FROM t WHERE x > ?;", {SQLValue(8)}).at(0).string("z"), "new");
+    other.executeRaw("DROP TABLE t;");
+    EXPECT_EQ(failure([&] { db.query("SELECT x FROM t WHERE x > ?;", {SQLValue(1)}); }),
+              "1|no such table: t|SELECT x FROM t WHERE x > ?;");
+    EXPECT_EQ(failure([&] { db.execute("INSERT INTO t (x) VALUES (?), (?);", {SQLValue(1), SQLValue(2)}); }),
+              "1|no such table: t|INSERT INTO t (x) VALUES (?), (?);");
+    // Far more texts than are kept at once.
+    for (int n = 0; n < 600; ++n) db.execute("INSERT INTO u (y) VALUES (" + std::to_string(n) + ");");
+    EXPECT_EQ(db.query("SELECT count(*) AS n FROM u;").at(0).intValue("n"), 600);
+}
+
 TEST_F(DatabaseTest, ATransactionCommitsWholeOrNotAtAll) {
     EXPECT_EQ(db.transaction([&] { return db.execute("INSERT INTO t (x) VALUES (1), (2)"); }), 2);
     EXPECT_THROW(db.transaction([&] {

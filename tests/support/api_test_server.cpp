@@ -14,7 +14,7 @@ ApiTestServer::ApiTestServer() {
         Handler handler;
         {
             std::lock_guard lock(mutex_);
-            Seen seen{request.method, request.target, {}, request.body};
+            Seen seen{request.method, request.target, {}, request.body, request.remote_port};
             for (const auto& [name, value] : request.headers) {
                 // The library files the peer's address among the headers; no client sent those.
                 if (name.find("_ADDR") == std::string::npos && name.find("_PORT") == std::string::npos) {

@@ -27,6 +27,7 @@ public:
         std::string target;  // the path with its query, as sent
         std::multimap<std::string, std::string, httplib::detail::ci> headers;
         std::string body;
+        int remotePort = 0;  // the client's end of the connection it came on
         // The value of a header, or "(none)" when it wasn't sent.
         std::string header(const std::string& name) const;
     };

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <thread>
+
 namespace mirel {
 namespace {
 
@@ -93,6 +96,35 @@ TEST(SyncClientRequest, BadRepliesEndInDecodeOrOffline) {
     EXPECT_TRUE(outcome([] { SyncClient(test::closedURL()).me(); }).starts_with("offline: Can't reach Mirel — "));
     EXPECT_EQ(outcome([] { SyncClient("file:///etc").request("GET", "/passwd", std::nullopt, true, false); }),
               "offline: Can't reach Mirel — the server address is not an http or https URL");
+}
+
+TEST(SyncClientRequest, CallsFromOneThreadShareOneConnectionAndACancelledCallSpoilsNone) {
+    ApiTestServer api;
+    api.on("GET /v1/me", ApiTestServer::json(200, R"({"user":{"id":"u1"}})"));
+    api.on("GET /v1/missing", ApiTestServer::json(500, "{}"));
+    api.on("GET /v1/slow", [&](const httplib::Request&, httplib::Response& response) {
+        for (int i = 0; i < 200 && !api.stopping(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        response.set_content("{}", "application/json");
+    });
+    const SyncClient client(api.url(), "secret-token");
+    client.me();
+    EXPECT_TRUE(outcome([&] { client.request("GET", "/v1/missing", std::nullopt, true, false); }).starts_with("server"));
+    client.me();
+    Cancellation cancel;
+    std::thread canceller([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        cancel.cancel();
+    });
+    EXPECT_TRUE(outcome([&] { client.request("GET", "/v1/slow", std::nullopt, true, false, cancel); })
+                    .starts_with("offline"));
+    canceller.join();
+    client.me();
+    const auto seen = api.seen();
+    ASSERT_EQ(seen.size(), 5u);
+    // An error status keeps the connection; a cancelled call closes its own.
+    for (std::size_t i : {1u, 2u, 3u}) EXPECT_EQ(seen[i].remotePort, seen[0].remotePort) << seen[i].target;
+    EXPECT_NE(seen[4].remotePort, seen[0].remotePort);
+    for (const auto& request : seen) EXPECT_EQ(request.header("Authorization"), "Bearer secret-token");
 }
 
 TEST(SyncClientRequest, RedirectsKeepTheTokenAtHomeAndStayOnHttp) {

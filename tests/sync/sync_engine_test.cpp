@@ -290,5 +290,87 @@ TEST_F(SyncEngineTest, ADownloadCutOffLeavesNoFileAndTheNextRunFetchesIt) {
     EXPECT_EQ(readBytes(library.home() / "captures" / *text("capture_images", "img-1", "image_path")), png);
 }
 
+TEST_F(SyncEngineTest, AScreenshotThatIsItsOwnThumbnailTravelsOnceEachWay) {
+    const std::string png = "\x89PNG\r\n\x1a\n" + std::string(3000, 'p');
+    const std::string sha = ContentHash::sha256({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()});
+    // Going up: a local image whose two files hold the same bytes.
+    const Capture local = seedShared("Local");
+    const CaptureImage up = makeImage(local.id);
+    seedImageRow(db(), up);
+    setLedger("capture_images", up.id, "pendingPush", R"({"*":true})");
+    for (const fs::path& file : {library.home() / "captures" / up.imagePath, library.home() / "thumbs" / *up.thumbPath}) {
+        fs::create_directories(file.parent_path());
+        writeBytes(file, png);
+    }
+    // Coming down: a remote image whose screenshot and thumbnail share one hash.
+    const Capture shared = seedShared("Shared");
+    onSync([&](const Json&, int exchange) {
+        if (exchange > 1) return Json::object();
+        return Json{{"changes",
+                     {{{"table", "capture_images"},
+                       {"row",
+                        {{"id", "img-down"}, {"capture_id", shared.id}, {"position", 0}, {"original_sha256", sha},
+                         {"thumb_sha256", sha}, {"version", 1}}}}}}};
+    });
+    server.on("POST /v1/uploads", ApiTestServer::json(200, Json{{"url", server.url() + "/put/" + sha}}.dump()));
+    server.on("PUT /put/" + sha, ApiTestServer::json(200, "{}"));
+    server.on("POST /v1/uploads/complete", ApiTestServer::json(200, "{}"));
+    server.on("GET /v1/blobs/ws-1/" + sha, ApiTestServer::json(200, Json{{"url", server.url() + "/store/" + sha}}.dump()));
+    server.on("GET /store/" + sha, [&](const httplib::Request&, httplib::Response& response) {
+        response.set_content(png, "image/png");
+    });
+    make();
+    syncOnce();
+    EXPECT_EQ(statuses.back(), "idle");
+
+    std::map<std::string, int> calls;
+    for (const auto& request : server.seen()) ++calls[request.method + " " + request.target];
+    EXPECT_EQ(calls["POST /v1/uploads"], 1);
+    EXPECT_EQ(calls["PUT /put/" + sha], 1);
+    EXPECT_EQ(calls["GET /v1/blobs/ws-1/" + sha], 1);
+    EXPECT_EQ(calls["GET /store/" + sha], 1);
+    EXPECT_EQ(text("capture_images", up.id, "original_sha256"), sha);
+    EXPECT_EQ(text("capture_images", up.id, "thumb_sha256"), sha);
+    const auto imagePath = text("capture_images", "img-down", "image_path");
+    const auto thumbPath = text("capture_images", "img-down", "thumb_path");
+    ASSERT_TRUE(imagePath && thumbPath && !imagePath->empty());
+    EXPECT_EQ(readBytes(library.home() / "captures" / *imagePath), png);
+    EXPECT_EQ(readBytes(library.home() / "thumbs" / *thumbPath), png);
+    EXPECT_EQ(text("captures", shared.id, "image_path"), imagePath);  // the cover follows
+}
+
+TEST_F(SyncEngineTest, ABatchCutOffByTheServerKeepsTheImagesFinishedBeforeIt) {
+    const Capture c = seedShared("Shared");
+    Json rows = Json::array();
+    std::vector<std::string> shas;
+    for (int n = 0; n < 3; ++n) {
+        const std::string png = "\x89PNG\r\n\x1a\n" + std::string(100, static_cast<char>('a' + n));
+        shas.push_back(ContentHash::sha256({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()}));
+        // Newest first: the last one is fetched last.
+        rows.push_back({{"table", "capture_images"},
+                        {"row",
+                         {{"id", "img-" + std::to_string(n)}, {"capture_id", c.id}, {"position", n},
+                          {"original_sha256", shas[n]}, {"version", 1},
+                          {"created_at", "2024-06-0" + std::to_string(3 - n) + "T00:00:00Z"}}}});
+        server.on("GET /v1/blobs/ws-1/" + shas[n],
+                  ApiTestServer::json(200, Json{{"url", server.url() + "/store/" + shas[n]}}.dump()));
+        server.on("GET /store/" + shas[n], [png](const httplib::Request&, httplib::Response& response) {
+            response.set_content(png, "image/png");
+        });
+    }
+    server.on("GET /v1/blobs/ws-1/" + shas[2], [](const httplib::Request&, httplib::Response& response) {
+        response.set_content_provider(100, "application/json", [](std::size_t, std::size_t, httplib::DataSink& sink) {
+            sink.write("{\"url\":", 7);
+            return false;  // the connection to the API breaks
+        });
+    });
+    onSync([&](const Json&, int exchange) { return exchange > 1 ? Json::object() : Json{{"changes", rows}}; });
+    make();
+    syncOnce();
+    EXPECT_EQ(statuses.back(), "offline");
+    for (int n : {0, 1}) EXPECT_NE(text("capture_images", "img-" + std::to_string(n), "image_path"), "") << n;
+    EXPECT_EQ(text("capture_images", "img-2", "image_path"), "");
+}
+
 }  // namespace
 }  // namespace mirel::test
