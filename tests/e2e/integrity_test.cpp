@@ -9,22 +9,14 @@
 #include "tests/support/store_access.h"
 #include "tests/support/temp_library.h"
 
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <fstream>
 #include <random>
 #include <thread>
-
-extern char** environ;
 
 namespace mirel::test {
 namespace {
@@ -32,37 +24,20 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// Starts the built `mirel` on the library at `home`, its output in `output`.
-pid_t startMirel(const fs::path& home, std::vector<std::string> arguments, const fs::path& output = "/dev/null") {
+// The built `mirel` on the library at `home`, its standard input closed.
+std::unique_ptr<McpProcess> startMirel(const fs::path& home, std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), MIREL_HOST_BINARY);
-    std::vector<std::string> env = {"MIREL_HOME=" + home.string(), "PATH=/usr/bin:/bin"};
-    std::vector<char*> argv, envp;
-    for (auto& a : arguments) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    for (auto& e : env) envp.push_back(e.data());
-    envp.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) throw std::runtime_error("cannot start mirel");
-    return pid;
+    auto mirel = std::make_unique<McpProcess>(home, std::map<std::string, std::string>{}, arguments);
+    mirel->closeInput();
+    return mirel;
 }
 
-int exitStatus(pid_t pid) {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-std::string readText(const fs::path& file) {
-    std::ifstream in(file);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+// Runs `mirel` to its end: the exit status, and standard output in `output`.
+int runMirel(const fs::path& home, const std::vector<std::string>& arguments, std::string* output = nullptr) {
+    const auto mirel = startMirel(home, arguments);
+    const std::string out = mirel->readToEnd();
+    if (output) *output = out;
+    return mirel->waitForExit();
 }
 
 TEST(Integrity, TwoServersOnOneCaptureLoseNoAcknowledgedWrite) {
@@ -118,11 +93,11 @@ TEST(Integrity, ServersAndAnAddStartingTogetherOnAnEmptyFolderAllSucceed) {
     int failures = 0;
     for (int trial = 0; trial < trials; ++trial) {
         const fs::path home = library.home() / ("trial-" + std::to_string(trial));
-        const pid_t add = startMirel(home, {"add", "--note", "first"});
+        const auto add = startMirel(home, {"add", "--note", "first"});
         std::vector<std::unique_ptr<McpProcess>> servers;
         for (int i = 0; i < 4; ++i) servers.push_back(std::make_unique<McpProcess>(home));
         for (auto& server : servers) failures += server->request("ping")["result"] != Json::object();
-        failures += exitStatus(add) != 0;
+        failures += add->waitForExit() != 0;
         Database db(home / "mirel.sqlite");
         EXPECT_EQ(db.query("PRAGMA user_version")[0].intValue("user_version"), 5);
         EXPECT_TRUE(db.query("SELECT name FROM sqlite_master WHERE name = 'projects'").empty());
@@ -195,7 +170,7 @@ TEST(Integrity, AddRefusesAnythingButARegularFileAtOnce) {
     for (const auto& arguments : cases) {
         SCOPED_TRACE(arguments.back());
         const auto started = Clock::now();
-        EXPECT_EQ(exitStatus(startMirel(library.home(), arguments)), 1);
+        EXPECT_EQ(runMirel(library.home(), arguments), 1);
         EXPECT_LT(Clock::now() - started, std::chrono::seconds(1));
     }
     CaptureStore store(library.databasePath());
@@ -212,24 +187,23 @@ TEST(Integrity, KilledAddsLeaveNothingThatDoctorFixDoesNotClear) {
     }
     // How long one whole filing takes: the kills fall anywhere within it.
     const auto started = Clock::now();
-    ASSERT_EQ(exitStatus(startMirel(library.home(), arguments)), 0);
+    ASSERT_EQ(runMirel(library.home(), arguments), 0);
     const auto whole = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started);
 
     std::mt19937 random(20261123);
     constexpr int kills = 15;
     for (int i = 0; i < kills; ++i) {
         arguments[4] = "Group " + std::to_string(i);
-        const pid_t add = startMirel(library.home(), arguments);
+        const auto add = startMirel(library.home(), arguments);
         std::this_thread::sleep_for(std::chrono::microseconds(random() % whole.count()));
-        ::kill(add, SIGKILL);
-        exitStatus(add);
+        add->terminate(SIGKILL);
+        add->waitForExit();
     }
 
-    const fs::path before = library.home() / "doctor.txt", after = library.home() / "doctor-fix.txt";
-    ASSERT_EQ(exitStatus(startMirel(library.home(), {"doctor"}, before)), 0);
-    ASSERT_EQ(exitStatus(startMirel(library.home(), {"doctor", "--fix"}, after)), 0);
-    std::cout << "[ figures ] " << kills << " kills within " << whole.count() / 1000 << " ms; doctor found:\n"
-              << readText(before);
+    std::string before, after;
+    ASSERT_EQ(runMirel(library.home(), {"doctor"}, &before), 0);
+    ASSERT_EQ(runMirel(library.home(), {"doctor", "--fix"}, &after), 0);
+    std::cout << "[ figures ] " << kills << " kills within " << whole.count() / 1000 << " ms; doctor found:\n" << before;
 
     CaptureStore store(library.databasePath());
     const CaptureStore::NamedFiles named = store.namedFiles();
@@ -244,7 +218,7 @@ TEST(Integrity, KilledAddsLeaveNothingThatDoctorFixDoesNotClear) {
     for (const CaptureImage& image : store.liveImages()) EXPECT_TRUE(fs::exists(image.originalURL()));
     EXPECT_TRUE(!fs::exists(MirelPaths::temporaryRoot()) || fs::is_empty(MirelPaths::temporaryRoot()));
     EXPECT_TRUE(store.groupsWithoutCaptures().empty());
-    EXPECT_NE(readText(after).find("Image files without a row"), std::string::npos);
+    EXPECT_NE(after.find("Image files without a row"), std::string::npos);
 }
 
 }  // namespace

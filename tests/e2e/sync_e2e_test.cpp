@@ -7,25 +7,14 @@
 #include "tests/support/image_files.h"
 #include "tests/support/mcp_process.h"
 #include "tests/support/server_process.h"
+#include "tests/support/temp_library.h"
 
-#include <fcntl.h>
 #include <httplib.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <filesystem>
-#include <functional>
 #include <map>
-#include <string>
 #include <thread>
-#include <vector>
-
-extern char** environ;
 
 namespace mirel::test {
 namespace {
@@ -35,119 +24,55 @@ using namespace std::chrono_literals;
 
 constexpr const char* kEmail = "ada@example.com";
 
-// A child process with its standard output and error in files.
-class Child {
-public:
-    Child(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env, const fs::path& logs,
-          const std::string& input = "")
-        : out_(logs.string() + ".out"), err_(logs.string() + ".err") {
-        const fs::path in = logs.string() + ".in";
-        writeBytes(in, input);
-        std::vector<std::string> entries;
-        for (char** e = environ; *e; ++e) {
-            const std::string entry = *e;
-            if (!env.count(entry.substr(0, entry.find('=')))) entries.push_back(entry);
-        }
-        for (const auto& [key, value] : env) entries.push_back(key + "=" + value);
-        std::vector<char*> args, envp;
-        std::vector<std::string> argvCopy = argv;
-        for (auto& a : argvCopy) args.push_back(a.data());
-        args.push_back(nullptr);
-        for (auto& e : entries) envp.push_back(e.data());
-        envp.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), envp.data()) != 0) pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
-    }
-    ~Child() {
-        if (pid_ > 0 && !status_) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-    }
-    void signal(int number) { kill(pid_, number); }
-    int wait(std::chrono::milliseconds limit = 20s) {
-        const auto end = std::chrono::steady_clock::now() + limit;
-        while (!status_) {
-            int raw = 0;
-            if (waitpid(pid_, &raw, WNOHANG) == pid_) {
-                status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-            } else if (std::chrono::steady_clock::now() > end) {
-                ADD_FAILURE() << "a child did not exit in time: " << out() << err();
-                kill(pid_, SIGKILL);
-            } else {
-                std::this_thread::sleep_for(10ms);
-            }
-        }
-        return *status_;
-    }
-    std::string out() const { return readBytes(out_); }
-    std::string err() const { return readBytes(err_); }
-    // Waits until standard output holds `text`; false after `limit`.
-    bool waitForOutput(const std::string& text, std::chrono::milliseconds limit = 10s) const {
-        const auto end = std::chrono::steady_clock::now() + limit;
-        while (out().find(text) == std::string::npos) {
-            if (std::chrono::steady_clock::now() > end) return false;
-            std::this_thread::sleep_for(20ms);
-        }
-        return true;
-    }
-
-private:
-    fs::path out_, err_;
-    pid_t pid_ = -1;
-    std::optional<int> status_;
-};
-
 struct Ran {
     int status;
     std::string out, err;
 };
 
+// Reads `child`'s output lines until one holds `text`: all it read, or "" if that never came.
+std::string readUntil(McpProcess& child, const std::string& text) {
+    std::string seen;
+    while (const auto line = child.readLine(10s, false)) {
+        seen += *line + "\n";
+        if (line->find(text) != std::string::npos) return seen;
+    }
+    return "";
+}
+
 class SyncEndToEnd : public ::testing::Test {
 protected:
     SyncEndToEnd() {
-        std::string pattern = (fs::temp_directory_path() / "mirel-sync-e2e-XXXXXX").string();
-        if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-        scratch = pattern;
         server.addUser(kEmail, "Ada");
         server.addWorkspace("team", "Team", {kEmail});
         url = server.url();
     }
-    ~SyncEndToEnd() override {
-        std::error_code ignored;
-        fs::remove_all(scratch, ignored);
-    }
-
     void approve(const std::string& signinOutput) {
         const auto at = signinOutput.find("Code: ") + 6;
         const auto done = server.admin({"approve", signinOutput.substr(at, signinOutput.find('\n', at) - at), "--user", kEmail});
         EXPECT_EQ(done.status, 0) << done.text;
     }
     std::map<std::string, std::string> env(const std::string& device) {
-        return {{"MIREL_HOME", (scratch / device).string()},
-                {"XDG_CONFIG_HOME", (scratch / (device + "-config")).string()},
-                {"MIREL_API_URL", url},
-                {"MIREL_AGENT", ""}};
+        return {{"XDG_CONFIG_HOME", (scratch / (device + "-config")).string()}, {"MIREL_API_URL", url}};
     }
-    std::unique_ptr<Child> start(const std::string& device, std::vector<std::string> arguments) {
+    std::unique_ptr<McpProcess> start(const std::string& device, std::vector<std::string> arguments,
+                                      std::map<std::string, std::string> overrides = {}) {
         arguments.insert(arguments.begin(), MIREL_HOST_BINARY);
-        return std::make_unique<Child>(arguments, env(device), scratch / (device + "-" + std::to_string(++runs)));
+        auto variables = env(device);
+        for (const auto& [key, value] : overrides) variables[key] = value;
+        auto child = std::make_unique<McpProcess>(scratch / device, variables, arguments);
+        child->closeInput();
+        return child;
     }
     Ran mirel(const std::string& device, const std::vector<std::string>& arguments) {
         auto child = start(device, arguments);
-        const int status = child->wait();
-        return {status, child->out(), child->err()};
+        std::string out = child->readToEnd();
+        const int status = child->waitForExit();
+        return {status, std::move(out), child->standardError()};
     }
     McpProcess& agent(const std::string& device) {
         auto& process = agents[device];
         if (!process) {
             auto variables = env(device);
-            variables.erase("MIREL_HOME");
             variables["MIREL_AGENT"] = "Claude on the " + device;
             process = std::make_unique<McpProcess>(scratch / device, variables);
         }
@@ -174,10 +99,10 @@ protected:
     }
 
     DBusSession bus;  // change signals of each test stay on a bus of its own
-    fs::path scratch;
+    TempLibrary scratchFolder;
+    const fs::path scratch = scratchFolder.home();
     ServerProcess server;
     std::string url;
-    int runs = 0;
     std::map<std::string, std::unique_ptr<McpProcess>> agents;
 };
 
@@ -186,15 +111,18 @@ TEST_F(SyncEndToEnd, TwoLibrariesConvergeThroughMirelServer) {
     {
         auto laptop = start("laptop", {"signin"});
         auto desktop = start("desktop", {"signin"});
-        for (Child* child : {laptop.get(), desktop.get()}) {
-            ASSERT_TRUE(child->waitForOutput("Waiting for the browser")) << child->err();
-            EXPECT_NE(child->out().find(url + "/device?user_code="), std::string::npos) << child->out();
-            approve(child->out());
+        std::map<McpProcess*, std::string> shown;
+        for (McpProcess* child : {laptop.get(), desktop.get()}) {
+            shown[child] = readUntil(*child, "Waiting for the browser");
+            ASSERT_NE(shown[child], "") << child->standardError();
+            EXPECT_NE(shown[child].find(url + "/device?user_code="), std::string::npos) << shown[child];
+            approve(shown[child]);
         }
-        for (Child* child : {laptop.get(), desktop.get()}) {
-            EXPECT_EQ(child->wait(), 0) << child->err();
-            EXPECT_NE(child->out().find("Signed in as Ada (ada@example.com)."), std::string::npos) << child->out();
-            EXPECT_NE(child->out().find("* Team (team, member)"), std::string::npos) << child->out();
+        for (McpProcess* child : {laptop.get(), desktop.get()}) {
+            const std::string out = shown[child] + child->readToEnd();
+            EXPECT_EQ(child->waitForExit(), 0) << child->standardError();
+            EXPECT_NE(out.find("Signed in as Ada (ada@example.com)."), std::string::npos) << out;
+            EXPECT_NE(out.find("* Team (team, member)"), std::string::npos) << out;
         }
     }
 
@@ -241,7 +169,8 @@ TEST_F(SyncEndToEnd, TwoLibrariesConvergeThroughMirelServer) {
     // `mirel watch` on the laptop follows the event stream: a change filed on
     // the desktop arrives without `mirel sync` on the laptop.
     auto watch = start("laptop", {"watch", "--intervals", "60000,100,200"});
-    ASSERT_TRUE(watch->waitForOutput("Up to date", 5s)) << watch->err();
+    const std::string firstLines = readUntil(*watch, "Up to date");
+    ASSERT_NE(firstLines, "") << watch->standardError();
     ASSERT_EQ(mirel("desktop", {"add", "--note", "Filed on the desktop"}).status, 0);
     sync("desktop");
     bool arrived = false;
@@ -249,10 +178,11 @@ TEST_F(SyncEndToEnd, TwoLibrariesConvergeThroughMirelServer) {
         std::this_thread::sleep_for(100ms);
         arrived = mirel("laptop", {"list"}).out.find("Filed on the desktop") != std::string::npos;
     }
-    EXPECT_TRUE(arrived) << watch->out() << watch->err();
-    watch->signal(SIGINT);
-    EXPECT_EQ(watch->wait(5s), 0) << watch->err();
-    EXPECT_NE(watch->out().find("Syncing…"), std::string::npos);
+    watch->terminate(SIGINT);
+    const std::string watched = firstLines + watch->readToEnd();
+    EXPECT_TRUE(arrived) << watched << watch->standardError();
+    EXPECT_EQ(watch->waitForExit(), 0) << watch->standardError();
+    EXPECT_NE(watched.find("Syncing…"), std::string::npos);
 }
 
 TEST_F(SyncEndToEnd, CommandsExplainWhatIsWrongWithTheirExitStatus) {
@@ -260,21 +190,22 @@ TEST_F(SyncEndToEnd, CommandsExplainWhatIsWrongWithTheirExitStatus) {
     EXPECT_EQ(notSignedIn.status, 1);
     EXPECT_EQ(notSignedIn.err, "mirel sync: not signed in; run 'mirel signin' first\n");
 
-    auto bad = env("laptop");
-    bad["MIREL_API_URL"] = "ftp://example.com";
-    Child child({MIREL_HOST_BINARY, "status"}, bad, scratch / "bad-url");
-    EXPECT_EQ(child.wait(), 2);
-    EXPECT_EQ(child.err(), "mirel status: MIREL_API_URL must be an http:// or https:// URL, not \"ftp://example.com\"\n");
+    const Ran badURL = [&] {
+        auto child = start("laptop", {"status"}, {{"MIREL_API_URL", "ftp://example.com"}});
+        return Ran{child->waitForExit(), "", child->standardError()};
+    }();
+    EXPECT_EQ(badURL.status, 2);
+    EXPECT_EQ(badURL.err, "mirel status: MIREL_API_URL must be an http:// or https:// URL, not \"ftp://example.com\"\n");
 
     auto signin = start("laptop", {"signin"});
-    ASSERT_TRUE(signin->waitForOutput("Waiting for the browser"));
-    const std::string out = signin->out();
+    const std::string out = readUntil(*signin, "Waiting for the browser");
+    ASSERT_NE(out, "");
     const auto at = out.find("Code: ") + 6;
     httplib::Client browser(url);
     browser.Post("/device", "decision=deny&user_code=" + out.substr(at, out.find('\n', at) - at),
                  "application/x-www-form-urlencoded");
-    EXPECT_EQ(signin->wait(), 1);
-    EXPECT_TRUE(signin->err().starts_with("mirel signin: ")) << signin->err();
+    EXPECT_EQ(signin->waitForExit(), 1);
+    EXPECT_TRUE(signin->standardError().starts_with("mirel signin: ")) << signin->standardError();
 }
 
 }  // namespace

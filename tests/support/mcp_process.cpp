@@ -142,8 +142,8 @@ int McpProcess::waitForExit() {
     return *status_;
 }
 
-void McpProcess::terminate() {
-    if (!status_) ::kill(pid_, SIGTERM);
+void McpProcess::terminate(int signal) {
+    if (!status_) ::kill(pid_, signal);
 }
 
 std::string McpProcess::standardError() const {

@@ -7,6 +7,8 @@
 
 #include <sys/types.h>
 
+#include <csignal>
+
 #include <chrono>
 #include <filesystem>
 #include <map>
@@ -47,7 +49,7 @@ public:
 
     // The exit status, or 128 + the signal; kills a child still running after 20 s.
     int waitForExit();
-    void terminate();
+    void terminate(int signal = SIGTERM);
     std::string standardError() const;
 
 private:

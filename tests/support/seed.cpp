@@ -129,19 +129,6 @@ void seedActivity(Database& db, const ActivityEvent& e) {
          text(e.actorID), SQLValue::boolean(e.remote)});
 }
 
-void seedPerson(Database& db, const Person& p, Date updatedAt) {
-    db.execute(
-        "INSERT INTO people (id, name, email, image_url, kind, updated_at) VALUES (?, ?, ?, ?, ?, ?);",
-        {text(p.id), text(p.name), text(p.email), text(p.imageURL), text(p.kind), updatedAt});
-}
-
-void seedWorkspace(Database& db, const Workspace& w, Date updatedAt) {
-    db.execute(
-        "INSERT INTO workspaces (id, name, slug, role, settings_json, updated_at) "
-        "VALUES (?, ?, ?, ?, ?, ?);",
-        {text(w.id), text(w.name), text(w.slug), text(w.role), text(w.settingsJSON), updatedAt});
-}
-
 std::string seedTag(Database& db, const std::string& captureID, const std::string& name) {
     const auto existing = db.query("SELECT id FROM tags WHERE name = ?;", {name});
     std::string tagID;

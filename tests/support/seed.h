@@ -51,8 +51,6 @@ void seedImageRow(Database& db, const CaptureImage& image);
 void seedGroupRow(Database& db, const CaptureGroup& group);
 void seedComment(Database& db, const Comment& comment);
 void seedActivity(Database& db, const ActivityEvent& event);
-void seedPerson(Database& db, const Person& person, Date updatedAt = kSeedDate);
-void seedWorkspace(Database& db, const Workspace& workspace, Date updatedAt = kSeedDate);
 
 // Tags `captureID` with `name`, creating the tag row (by exact name) if it is
 // not there yet. Returns the tag's id.

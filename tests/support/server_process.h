@@ -9,11 +9,12 @@
 //   server.admin({"approve", userCode, "--user", "ann@example.com"});
 //   std::string token = server.signIn("ann@example.com");   // the whole device flow
 #include "core/platform/json.h"
+#include "tests/support/mcp_process.h"
 
 #include <httplib.h>
-#include <sys/types.h>
 
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -35,7 +36,6 @@ public:
     const std::string& url() const { return url_; }  // "http://127.0.0.1:PORT"
     int port() const { return port_; }
     const std::filesystem::path& data() const { return data_; }
-    std::filesystem::path logPath() const { return data_.parent_path() / (data_.filename().string() + ".log"); }
 
     struct Output {
         int status;
@@ -63,7 +63,7 @@ public:
     Json sync(const std::string& token, std::int64_t cursor, const Json& changes = Json::array(),
               const std::string& deviceID = "laptop") const;
 
-    // SIGTERM, then the exit status (128 + signal if it had to be killed).
+    // SIGTERM, then the exit status (128 + the signal if it had to be killed).
     int stop();
 
 private:
@@ -71,8 +71,7 @@ private:
     bool ownsData_ = false;
     std::string url_;
     int port_ = 0;
-    pid_t pid_ = -1;
-    int stdout_ = -1;
+    std::unique_ptr<McpProcess> process_;
 };
 
 }  // namespace mirel::test
