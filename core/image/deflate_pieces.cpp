@@ -4,10 +4,10 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <bit>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "core/image/png_filters.h"
 #include "core/image/workers.h"
@@ -178,22 +178,22 @@ const HuffmanCode& fixedDistances() {
 
 int zlibLevelHint(int level) { return level < 2 ? 0 : level < 6 ? 1 : level == 6 ? 2 : 3; }
 
-void putBigEndian32(std::vector<std::uint8_t>& out, std::uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(value >> shift));
-}
-
 // A piece compressed on its own, made to flow into the next: its last block
 // no longer final, then an empty stored block (three zero bits, padding to the
-// byte, then LEN 0 and NLEN 0xFFFF), as zlib's sync flush writes.
-bool openUp(std::vector<std::uint8_t>& piece) {
-    const auto end = findDeflateEnd(piece.data(), piece.size());
-    if (!end) return false;
+// byte, then LEN 0 and NLEN 0xFFFF), as zlib's sync flush writes. The piece
+// needs `openingRoom` writable bytes past its end; returns its new length, or
+// 0 where its end cannot be found.
+constexpr std::size_t openingRoom = 5;
+std::size_t openUp(std::uint8_t* piece, std::size_t size) {
+    const auto end = findDeflateEnd(piece, size);
+    if (!end) return 0;
     piece[end->lastBlockBit / 8] &= static_cast<std::uint8_t>(~(1u << (end->lastBlockBit % 8)));
-    piece.resize((end->endBit + 3 + 7) / 8);
+    const std::size_t padded = (end->endBit + 3 + 7) / 8;
     if (end->endBit % 8 != 0) piece[end->endBit / 8] &= static_cast<std::uint8_t>((1u << (end->endBit % 8)) - 1);
-    std::fill(piece.begin() + static_cast<std::ptrdiff_t>((end->endBit + 7) / 8), piece.end(), 0);
-    piece.insert(piece.end(), {0x00, 0x00, 0xff, 0xff});
-    return true;
+    std::fill(piece + (end->endBit + 7) / 8, piece + padded, std::uint8_t{0});
+    static constexpr std::uint8_t emptyStoredBlock[] = {0x00, 0x00, 0xff, 0xff};
+    std::memcpy(piece + padded, emptyStoredBlock, sizeof emptyStoredBlock);
+    return padded + sizeof emptyStoredBlock;
 }
 
 }  // namespace
@@ -225,48 +225,51 @@ std::optional<DeflateEnd> findDeflateEnd(const std::uint8_t* data, std::size_t s
     }
 }
 
-std::optional<std::vector<std::uint8_t>> zlibCompress(const std::uint8_t* data, std::size_t size, int level,
-                                                     int pieces) {
+std::optional<ZlibStream> zlibCompress(const std::uint8_t* data, std::size_t size, int level, int pieces) {
     // Below this a piece's own start-up outweighs what a second core brings.
     constexpr std::size_t smallestPiece = 128 * 1024;
     pieces = static_cast<int>(std::clamp<std::size_t>(size / smallestPiece, 1, static_cast<std::size_t>(std::max(pieces, 1))));
+    const auto count = static_cast<std::size_t>(pieces);
+    const auto pieceBegin = [&](std::size_t index) { return size * index / count; };
     try {
-        std::vector<std::vector<std::uint8_t>> compressed(static_cast<std::size_t>(pieces));
-        std::atomic<bool> failed{false};
-        parallelFor(pieces, [&](int index) {
-            try {
-                const std::size_t begin = size * static_cast<std::size_t>(index) / static_cast<std::size_t>(pieces);
-                const std::size_t end = size * static_cast<std::size_t>(index + 1) / static_cast<std::size_t>(pieces);
-                png::Compressor compressor(libdeflate_alloc_compressor(level));
-                if (!compressor) {
-                    failed = true;
-                    return;
-                }
-                auto& piece = compressed[static_cast<std::size_t>(index)];
-                piece.resize(libdeflate_deflate_compress_bound(compressor.get(), end - begin));
-                piece.resize(libdeflate_deflate_compress(compressor.get(), data + begin, end - begin, piece.data(),
-                                                         piece.size()));
-                if (piece.empty() || (index + 1 < pieces && !openUp(piece))) failed = true;
-            } catch (const std::bad_alloc&) {
-                failed = true;
-            }
+        // Every piece is compressed straight into its own slot of the output,
+        // then the slots are closed up: the output is the only copy.
+        std::vector<png::Compressor> compressors;
+        std::vector<std::size_t> slot(count + 1), length(count, 0);
+        constexpr std::size_t header = 2, trailer = 4;
+        slot[0] = header;
+        for (std::size_t index = 0; index < count; ++index) {
+            compressors.emplace_back(libdeflate_alloc_compressor(level));
+            if (!compressors.back()) return std::nullopt;
+            slot[index + 1] = slot[index] + openingRoom +
+                              libdeflate_deflate_compress_bound(compressors.back().get(),
+                                                                pieceBegin(index + 1) - pieceBegin(index));
+        }
+        // Left uninitialised on purpose: pages never written are never mapped in.
+        auto out = std::make_unique_for_overwrite<std::uint8_t[]>(slot[count] + trailer);
+        parallelFor(pieces, [&](int at) {
+            const auto index = static_cast<std::size_t>(at);
+            const std::size_t begin = pieceBegin(index), end = pieceBegin(index + 1);
+            std::uint8_t* piece = out.get() + slot[index];
+            length[index] = libdeflate_deflate_compress(compressors[index].get(), data + begin, end - begin, piece,
+                                                        slot[index + 1] - slot[index] - openingRoom);
+            if (length[index] != 0 && index + 1 < count) length[index] = openUp(piece, length[index]);
         });
-        if (failed) return std::nullopt;
+        if (std::find(length.begin(), length.end(), std::size_t{0}) != length.end()) return std::nullopt;
 
-        std::size_t total = 6;
-        for (const auto& piece : compressed) total += piece.size();
-        std::vector<std::uint8_t> out;
-        out.reserve(total);
         const std::uint8_t method = 0x78;  // deflate with a 32 KiB window
         auto flags = static_cast<std::uint8_t>(zlibLevelHint(level) << 6);
         flags = static_cast<std::uint8_t>(flags | (31 - (method << 8 | flags) % 31) % 31);
-        out.insert(out.end(), {method, flags});
-        for (auto& piece : compressed) {
-            out.insert(out.end(), piece.begin(), piece.end());
-            piece = {};
+        out[0] = method;
+        out[1] = flags;
+        std::size_t filled = header;
+        for (std::size_t index = 0; index < count; ++index) {
+            std::memmove(out.get() + filled, out.get() + slot[index], length[index]);
+            filled += length[index];
         }
-        putBigEndian32(out, libdeflate_adler32(1, data, size));
-        return out;
+        const std::uint32_t checksum = libdeflate_adler32(1, data, size);
+        for (int shift = 24; shift >= 0; shift -= 8) out[filled++] = static_cast<std::uint8_t>(checksum >> shift);
+        return ZlibStream(std::move(out), filled);
     } catch (const std::bad_alloc&) {
         return std::nullopt;
     }

@@ -8,15 +8,28 @@
 // percent of size on large inputs. Internal to core/image.
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
-#include <vector>
 
 namespace mirel::ImageCodec::detail {
 
+// Compressed bytes in a buffer sized for the worst case, whose unwritten
+// tail the system never has to provide: a large image's stream costs the
+// memory of what it compresses to, not of its bound.
+class ZlibStream {
+public:
+    ZlibStream(std::unique_ptr<std::uint8_t[]> bytes, std::size_t size) : bytes_(std::move(bytes)), size_(size) {}
+    const std::uint8_t* data() const { return bytes_.get(); }
+    std::size_t size() const { return size_; }
+
+private:
+    std::unique_ptr<std::uint8_t[]> bytes_;
+    std::size_t size_;
+};
+
 // The zlib stream of `size` bytes at `data`, at libdeflate's `level`, cut
 // into `pieces` parts (1 compresses in one go). Nothing on failure.
-std::optional<std::vector<std::uint8_t>> zlibCompress(const std::uint8_t* data, std::size_t size, int level,
-                                                     int pieces);
+std::optional<ZlibStream> zlibCompress(const std::uint8_t* data, std::size_t size, int level, int pieces);
 
 // Where the last block of a raw deflate stream begins and where the stream
 // ends, in bits from its start; nothing if the bytes are not a whole stream.
