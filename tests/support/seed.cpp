@@ -57,14 +57,7 @@ CaptureGroup makeGroup(const std::string& name, const std::optional<std::string>
 
 Comment makeComment(const std::string& captureID, const std::string& body, const std::string& author,
                     bool isAgent, Date createdAt) {
-    Comment comment;
-    comment.id = newID();
-    comment.captureID = captureID;
-    comment.author = author;
-    comment.isAgent = isAgent;
-    comment.body = body;
-    comment.createdAt = createdAt;
-    return comment;
+    return Comment::written(captureID, author, isAgent, body, createdAt);
 }
 
 void seedCaptureRow(Database& db, const Capture& c) {
