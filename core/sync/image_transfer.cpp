@@ -13,12 +13,15 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <thread>
 
 namespace mirel {
 
 namespace {
 
 constexpr std::int64_t downloadsPerRun = 30;
+constexpr std::size_t uploadsAtOnce = 4;
 
 }  // namespace
 
@@ -48,22 +51,25 @@ bool SyncEngine::isPlainFileName(std::string_view text) {
     });
 }
 
-asio::awaitable<void> SyncEngine::ensureBlobs(const CaptureImage& image) {
+std::optional<SyncEngine::ImageBlobs> SyncEngine::blobsToSend(const CaptureImage& image) {
     const auto capture = store_.rawCapture(image.captureID);
-    if (!capture || !capture->workspaceID) co_return;  // not shared: nothing to send
-    struct File {
-        std::optional<std::string> path;
-        std::filesystem::path (*locate)(const std::string&);
-        std::optional<std::string> hash;
+    if (!capture || !capture->workspaceID) return std::nullopt;  // not shared: nothing to send
+    using File = ImageBlobs::File;
+    return ImageBlobs{
+        image.id,
+        *capture->workspaceID,
+        {File{image.imagePath.empty() ? std::nullopt : std::optional(image.imagePath), MirelPaths::imageURL,
+              image.originalSHA256},
+         File{image.annotatedPath, MirelPaths::imageURL, image.markedSHA256},
+         File{image.thumbPath, MirelPaths::thumbURL, image.thumbSHA256}},
+        false,
+        nullptr,
     };
-    std::array<File, 3> files = {
-        File{image.imagePath.empty() ? std::nullopt : std::optional(image.imagePath), MirelPaths::imageURL,
-             image.originalSHA256},
-        File{image.annotatedPath, MirelPaths::imageURL, image.markedSHA256},
-        File{image.thumbPath, MirelPaths::thumbURL, image.thumbSHA256},
-    };
+}
+
+void SyncEngine::sendImageFiles(const SyncClient& client, ImageBlobs& image, const Cancellation& cancel) {
     std::vector<std::string> onServer;  // hashes of this image's files known to be there
-    for (File& file : files) {
+    for (ImageBlobs::File& file : image.files) {
         if (!file.path) continue;
         // A stored path that climbs out of the library locates nothing, and
         // reading nothing fails: the image is skipped with a warning.
@@ -72,15 +78,41 @@ asio::awaitable<void> SyncEngine::ensureBlobs(const CaptureImage& image) {
         // A stored hash that matches is on the server already, and so is an
         // earlier file's (a small screenshot is its own thumbnail).
         if (file.hash != sha && std::find(onServer.begin(), onServer.end(), sha) == onServer.end()) {
-            const std::string type = contentType(*file.path);
-            co_await call([&](const Cancellation& cancel) {
-                client_.ensureUploaded(*capture->workspaceID, data, sha, type, cancel);
-            });
+            client.ensureUploaded(image.workspaceID, data, sha, contentType(*file.path), cancel);
         }
         file.hash = sha;
         onServer.push_back(sha);
     }
-    store_.setImageHashes(image.id, files[0].hash, files[1].hash, files[2].hash);
+}
+
+asio::awaitable<void> SyncEngine::ensureBlobs(std::vector<ImageBlobs>& images) {
+    if (images.empty()) co_return;
+    co_await call([this, &images](const Cancellation& cancel) {
+        // Each upload is a few round trips that mostly wait on the other
+        // side, so several images travel side by side. A failure that is not
+        // the image's own (the server, the network, the session) stops the
+        // taking of further images: the run ends on it.
+        std::atomic<std::size_t> next{0};
+        std::atomic<bool> stopped{false};
+        const auto work = [&] {
+            for (std::size_t at; !stopped && (at = next++) < images.size();) {
+                ImageBlobs& image = images[at];
+                try {
+                    sendImageFiles(client_, image, cancel);
+                    image.sent = true;
+                } catch (const SyncError& error) {
+                    image.failure = std::current_exception();
+                    if (error.kind() != SyncError::Kind::uploadsDisabled) stopped = true;
+                } catch (...) {
+                    image.failure = std::current_exception();
+                }
+            }
+        };
+        std::vector<std::jthread> helpers;
+        const std::size_t helperCount = std::min<std::size_t>(uploadsAtOnce, images.size()) - 1;
+        for (std::size_t i = 0; i < helperCount; ++i) helpers.emplace_back(work);
+        work();
+    });
 }
 
 asio::awaitable<void> SyncEngine::downloadPendingImages() {

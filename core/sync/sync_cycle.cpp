@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
+#include <set>
 
 namespace mirel {
 
@@ -58,6 +59,38 @@ std::optional<std::vector<std::string>> stringList(const Json& value) {
 
 }  // namespace
 
+asio::awaitable<std::set<std::string>> SyncEngine::sendImageFiles(const std::vector<CaptureStore::Pending>& pending) {
+    std::vector<ImageBlobs> images;
+    for (const auto& row : pending) {
+        const auto image = store_.rawImage(row.id);
+        if (!image || row.fields.count("delete") || image->deletedAt) continue;
+        if (auto files = blobsToSend(*image)) images.push_back(std::move(*files));
+    }
+    co_await ensureBlobs(images);
+
+    std::set<std::string> held;
+    std::exception_ptr runEnding;
+    for (const ImageBlobs& image : images) {
+        if (image.sent) {
+            store_.setImageHashes(image.imageID, image.files[0].hash, image.files[1].hash, image.files[2].hash);
+            continue;
+        }
+        held.insert(image.imageID);
+        // A refusal to take uploads keeps the row pending silently; a failure
+        // of the image's own (its file unreadable) is worth a warning; any
+        // other ends the run, once the hashes of what did go are kept.
+        try {
+            if (image.failure) std::rethrow_exception(image.failure);
+        } catch (const SyncError& error) {
+            if (error.kind() != SyncError::Kind::uploadsDisabled && !runEnding) runEnding = image.failure;
+        } catch (const std::exception& error) {
+            store_.log("warn", "Image " + id8(image.imageID) + " skipped: " + error.what());
+        }
+    }
+    if (runEnding) std::rethrow_exception(runEnding);
+    co_return held;
+}
+
 asio::awaitable<bool> SyncEngine::cycle() {
     std::vector<Json> changes;
     SentTable sent;
@@ -75,29 +108,15 @@ asio::awaitable<bool> SyncEngine::cycle() {
     for (const auto& pending : store_.pending("captures", rowsPerTable)) {
         collect("captures", pending, store_.captureChange(pending));
     }
-    // Named, not a temporary in the loop's head: the loop waits inside.
+    // Named, not a temporary in the loop's head: the call waits.
     const auto pendingImages = store_.pending("capture_images", rowsPerTable);
+    const std::set<std::string> held = co_await sendImageFiles(pendingImages);
     for (const auto& pending : pendingImages) {
-        const auto image = store_.rawImage(pending.id);
-        if (!image) continue;
-        if (!pending.fields.count("delete") && !image->deletedAt) {
-            std::optional<std::string> skipped;
-            try {
-                co_await ensureBlobs(*image);
-            } catch (const SyncError& error) {
-                if (error.kind() != SyncError::Kind::uploadsDisabled) throw;
-                skipped = "";  // stays pending, silently
-            } catch (const std::exception& error) {
-                skipped = error.what();
-            }
-            if (skipped) {
-                if (!skipped->empty()) store_.log("warn", "Image " + id8(image->id) + " skipped: " + *skipped);
-                continue;
-            }
+        if (held.count(pending.id)) continue;
+        // Read after the files went: sending them has written the hashes.
+        if (const auto image = store_.rawImage(pending.id)) {
+            collect("capture_images", pending, CaptureStore::imageChange(pending, *image));
         }
-        // ensureBlobs has written the hashes.
-        const auto current = store_.rawImage(pending.id);
-        collect("capture_images", pending, CaptureStore::imageChange(pending, current ? *current : *image));
     }
     for (const Comment& comment : store_.pendingComments(rowsPerTable)) {
         Json change = CaptureStore::commentChange(comment);

@@ -23,7 +23,10 @@
 
 #include <asio/thread_pool.hpp>
 
+#include <array>
 #include <cstdint>
+#include <exception>
+#include <filesystem>
 #include <deque>
 #include <functional>
 #include <map>
@@ -138,7 +141,32 @@ private:
     // name is refused, with a warning in the sync log.
     bool refuseUnsafeNames(const std::string& table, const Json& row);
 
-    asio::awaitable<void> ensureBlobs(const CaptureImage& image);
+    // The files of one image on their way to the server: what is known of
+    // them before, and how sending them ended.
+    struct ImageBlobs {
+        struct File {
+            std::optional<std::string> path;
+            std::filesystem::path (*locate)(const std::string&);
+            std::optional<std::string> hash;  // the stored one before, the sent one after
+        };
+        std::string imageID;
+        std::string workspaceID;
+        std::array<File, 3> files;  // original, marked, thumbnail
+        bool sent = false;
+        std::exception_ptr failure;
+    };
+    // What must reach the server before the image's change can go out;
+    // nothing when its capture is not shared.
+    std::optional<ImageBlobs> blobsToSend(const CaptureImage& image);
+    // Sends the images' files, several images at once, each file only when
+    // its hash is not known to be on the server. Each image ends sent or with
+    // its failure; after a failure that ends the run, images not yet started
+    // stay unsent, without a failure.
+    asio::awaitable<void> ensureBlobs(std::vector<ImageBlobs>& images);
+    // Sends the files of the image rows about to go out and keeps their
+    // hashes; gives the rows to hold back this time. Throws what ends the run.
+    asio::awaitable<std::set<std::string>> sendImageFiles(const std::vector<CaptureStore::Pending>& pending);
+    static void sendImageFiles(const SyncClient& client, ImageBlobs& image, const Cancellation& cancel);
     asio::awaitable<void> downloadPendingImages();
     // An image whose files are written but whose paths are not stored yet.
     struct DownloadedImage {

@@ -13,9 +13,11 @@
 #include <asio/detached.hpp>
 #include <asio/io_context.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <thread>
 
 namespace mirel::test {
 namespace {
@@ -370,6 +372,88 @@ TEST_F(SyncEngineTest, ABatchCutOffByTheServerKeepsTheImagesFinishedBeforeIt) {
     EXPECT_EQ(statuses.back(), "offline");
     for (int n : {0, 1}) EXPECT_NE(text("capture_images", "img-" + std::to_string(n), "image_path"), "") << n;
     EXPECT_EQ(text("capture_images", "img-2", "image_path"), "");
+}
+
+TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust) {
+    struct Row {
+        const char* name;
+        std::function<void(httplib::Response&)> uploads;  // the answer to every upload, if not the usual
+        const char* wantStatus;
+        int wantSent;  // image rows sent in the first run
+    };
+    const Row rows[] = {
+        {"one image's file gone", nullptr, "idle", 5},
+        {"uploads switched off",
+         [](auto& r) { r.set_content(R"({"error":{"code":"uploads_disabled"}})", "application/json"); }, "idle", 0},
+        {"server failing", [](auto& r) { r.status = 500; }, "failed", 0},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const Capture c = seedShared("With images");
+        std::vector<CaptureImage> images;
+        for (int i = 0; i < 6; ++i) {
+            CaptureImage image = makeImage(c.id, i);
+            image.thumbPath = std::nullopt;
+            seedImageRow(db(), image);
+            setLedger("capture_images", image.id, "pendingPush", R"({"*":true})");
+            if (i > 0) {  // the first image's file is gone
+                const fs::path file = library.home() / "captures" / image.imagePath;
+                fs::create_directories(file.parent_path());
+                const std::string bytes = "\x89PNG\r\n\x1a\n" + image.id;
+                writeBytes(file, bytes);
+                const std::string sha =
+                    ContentHash::sha256({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+                server.on("PUT /put/" + sha, ApiTestServer::json(200, "{}"));
+            }
+            images.push_back(image);
+        }
+        int inFlight = 0, mostInFlight = 0;
+        std::atomic<bool> failing{true};
+        server.on("POST /v1/uploads", [&](const httplib::Request& request, httplib::Response& response) {
+            if (row.uploads && failing) return row.uploads(response);
+            {
+                std::lock_guard lock(mutex);
+                mostInFlight = std::max(mostInFlight, ++inFlight);
+            }
+            std::this_thread::sleep_for(50ms);  // long enough for the others to arrive meanwhile
+            {
+                std::lock_guard lock(mutex);
+                --inFlight;
+            }
+            const std::string sha = parseJSON(request.body)->value("sha256", "");
+            response.set_content(Json{{"url", server.url() + "/put/" + sha}}.dump(), "application/json");
+        });
+        server.on("POST /v1/uploads/complete", ApiTestServer::json(200, "{}"));
+        onSync([](const Json& body, int) {
+            Json results = Json::array();
+            for (const Json& change : body["changes"]) results.push_back({{"id", change["id"]}, {"status", "applied"}});
+            return Json{{"results", results}};
+        });
+        statuses.clear();
+        sentBodies.clear();
+        make();
+        syncOnce();
+        EXPECT_EQ(statuses.back(), row.wantStatus);
+        int sent = 0;
+        for (const CaptureImage& image : images) sent += timesSent(image.id);
+        EXPECT_EQ(sent, row.wantSent);
+        if (row.wantSent) EXPECT_GT(mostInFlight, 1);
+        // The image that could not be read stays pending, with one warning.
+        EXPECT_EQ(text("capture_images", images[0].id, "sync_state"), "pendingPush");
+        const auto lines = logLines();
+        const std::string skipped = "warn Image " + id8(images[0].id) + " skipped: ";
+        EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [&](const std::string& l) { return l.starts_with(skipped); }),
+                  1);
+
+        // Once the server takes uploads again, the rest go out; nothing was lost.
+        failing = false;
+        syncOnce();
+        EXPECT_EQ(statuses.back(), "idle");
+        for (std::size_t i = 1; i < images.size(); ++i) {
+            EXPECT_EQ(text("capture_images", images[i].id, "sync_state"), "synced") << i;
+            EXPECT_TRUE(text("capture_images", images[i].id, "original_sha256")) << i;
+        }
+    }
 }
 
 }  // namespace
