@@ -147,7 +147,6 @@ bool readDynamicCodes(BitReader& in, HuffmanCode& literals, HuffmanCode& distanc
         std::fill_n(lengths + filled, repeat, value);
         filled += repeat;
     }
-    if (lengths[256] == 0) return false;  // a block must be able to end
     return literals.build(lengths, literalCount) && distances.build(lengths + literalCount, distanceCount);
 }
 

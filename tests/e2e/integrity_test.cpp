@@ -10,6 +10,7 @@
 #include "tests/support/temp_library.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -219,6 +220,20 @@ TEST(Integrity, KilledAddsLeaveNothingThatDoctorFixDoesNotClear) {
     EXPECT_TRUE(!fs::exists(MirelPaths::temporaryRoot()) || fs::is_empty(MirelPaths::temporaryRoot()));
     EXPECT_TRUE(store.groupsWithoutCaptures().empty());
     EXPECT_NE(after.find("Image files without a row"), std::string::npos);
+}
+
+TEST(Integrity, AnAddSweepsTheTemporaryFilesOfDeadWritersOnly) {
+    TempLibrary library;
+    const fs::path folder = MirelPaths::temporaryRoot();
+    fs::create_directories(folder);
+    const std::string live = "add-" + std::to_string(::getpid()) + "-x";  // this test is its writer
+    for (const std::string name : {live, std::string("add-999999999-x"), std::string("add-12"), std::string("stray")}) {
+        writeBytes(folder / name, "partial");
+    }
+    ASSERT_EQ(runMirel(library.home(), {"add", "--note", "Sweeps"}), 0);
+    std::vector<std::string> left;
+    for (const auto& entry : fs::directory_iterator(folder)) left.push_back(entry.path().filename().string());
+    EXPECT_EQ(left, std::vector<std::string>{live});
 }
 
 }  // namespace
