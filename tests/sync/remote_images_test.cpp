@@ -90,6 +90,7 @@ TEST_F(RemoteImages, StateTable) {
         EXPECT_EQ(text("capture_images", image.id, "marked_sha256"), c.marked);
         EXPECT_EQ(text("capture_images", image.id, "annotated_path"), seeded(c.annotatedPath, image.annotatedPath));
         EXPECT_EQ(text("capture_images", image.id, "thumb_path"), seeded(c.thumbPath, image.thumbPath));
+        EXPECT_EQ(text("capture_images", image.id, "thumb_sha256"), c.thumbPath ? kC : kD);  // what a fetch asks for
         EXPECT_EQ(text("capture_images", image.id, "annotation_json"), c.annotation);
         EXPECT_EQ(integer("capture_images", image.id, "position"), c.position);
         EXPECT_EQ(integer("capture_images", image.id, "width"), c.width);

@@ -30,6 +30,11 @@ TEST(Wire, DatesFromBothISOFormsAndFromNumbers) {
         {R"("2024-05-01T12:30:00.250Z")", kMay1 + 45000.25},
         {R"("2024-05-01T12:30:00Z")", kMay1 + 45000},
         {R"("2024-05-01T14:30:00+02:00")", kMay1 + 45000},
+        {R"("2024-05-01T19:59:59+0959")", kMay1 + 36059},
+        {R"("2024-05-01T12:30:00+24:00")", std::nullopt},  // no such offset
+        {R"("2024-05-01T12:30:00-05:60")", std::nullopt},
+        {R"("2024-05-01T12:30:0:Z")", std::nullopt},  // the signs either side of the digits
+        {R"("2024-05-01T12:30:0/Z")", std::nullopt},
         {R"("2024-05-01T12:30:00.5")", std::nullopt},  // no zone
         {R"("2024-05-01T12:30:00.Z")", std::nullopt},  // a point without digits
         {R"("2024-05-01")", std::nullopt},             // bare calendar date
