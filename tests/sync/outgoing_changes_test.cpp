@@ -118,7 +118,7 @@ TEST_F(OutgoingChanges, AnEditInFlightUndoneLeavesNothingPending) {
         store.update(c);
     }
     EXPECT_TRUE(store.markSynced(collected, change, 7));
-    EXPECT_EQ(syncStateOf(db(), "captures", row.id), "synced");
+    EXPECT_EQ(syncStateOf("captures", row.id), "synced");
 }
 
 }  // namespace mirel::test

@@ -94,7 +94,7 @@ TEST_F(RemoteImages, StateTable) {
         EXPECT_EQ(text("capture_images", image.id, "annotation_json"), c.annotation);
         EXPECT_EQ(integer("capture_images", image.id, "position"), c.position);
         EXPECT_EQ(integer("capture_images", image.id, "width"), c.width);
-        EXPECT_EQ(syncStateOf(db(), "capture_images", image.id), c.stateAfter);
+        EXPECT_EQ(syncStateOf("capture_images", image.id), c.stateAfter);
         EXPECT_EQ(awaiting(image.id), c.awaiting);
         store.dropImage(image.id);
     }
@@ -105,7 +105,7 @@ TEST_F(RemoteImages, NewRowsTombstonesAndTheCover) {
     store.applyRemoteImage(object(R"({"id":")" + id + R"(","capture_id":")" + owner.id + R"(","original_sha256":")" +
                                   kA + R"(","width":5,"created_at":"2024-06-01T00:00:00Z"})"));
     EXPECT_EQ(text("capture_images", id, "image_path"), "");
-    EXPECT_EQ(syncStateOf(db(), "capture_images", id), "synced");
+    EXPECT_EQ(syncStateOf("capture_images", id), "synced");
     EXPECT_TRUE(awaiting(id));
     EXPECT_EQ(integer("captures", owner.id, "image_width"), 5);  // the cover follows
     EXPECT_EQ(store.imagesAwaitingDownload(1).front().workspaceID, kWorkspace);
@@ -123,7 +123,7 @@ TEST_F(RemoteImages, NewRowsTombstonesAndTheCover) {
     std::ofstream(first.originalURL()) << "x";
     store.applyRemoteImage(object(R"({"id":")" + id + R"(","capture_id":")" + owner.id +
                                   R"(","deleted_at":1717200000})"));
-    EXPECT_FALSE(rowExists(db(), "capture_images", id));
+    EXPECT_FALSE(rowExists("capture_images", id));
     EXPECT_EQ(text("captures", owner.id, "image_path"), first.annotatedPath);
     store.applyRemoteImage(remoteFor(first, R"({"deleted_at":"2024-06-01T00:00:00Z"})"));
     store.applyRemoteImage(remoteFor(second, R"({"deleted_at":"2024-06-01T00:00:00Z"})"));
