@@ -73,8 +73,10 @@ TEST_F(Adoption, PurgeAndDropWorkspaceKeepWhatIsLocal) {
     Capture shared = seedShared();
     CaptureImage image = makeImage(shared.id);
     seedImageRow(db(), image);
-    std::filesystem::create_directories(image.originalURL().parent_path());
-    std::ofstream(image.originalURL()) << "x";
+    for (const auto& file : {image.originalURL(), *image.thumbURL()}) {
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file) << "x";
+    }
     Capture gone = seedShared();
     setColumn(db(), "captures", gone.id, "deleted_at", SQLValue(kSeedDate));
     Capture other = makeCapture("Other workspace");
@@ -88,7 +90,7 @@ TEST_F(Adoption, PurgeAndDropWorkspaceKeepWhatIsLocal) {
     store.dropWorkspace(kWorkspace);
     EXPECT_FALSE(rowExists("captures", shared.id));
     EXPECT_FALSE(rowExists("captures", gone.id));
-    EXPECT_FALSE(std::filesystem::exists(image.originalURL()));
+    EXPECT_FALSE(std::filesystem::exists(image.originalURL()) || std::filesystem::exists(*image.thumbURL()));
     EXPECT_TRUE(rowExists("captures", other.id));
     EXPECT_EQ(countRows("groups WHERE workspace_id IS NOT NULL"), 1);
 

@@ -4,7 +4,6 @@
 #include "core/sync/wire.h"
 
 #include <algorithm>
-#include <fstream>
 #include <random>
 
 namespace mirel::test {
@@ -102,27 +101,6 @@ TEST_F(RemoteCaptures, NewRowsAndServerOwnedColumns) {
     const auto before = countRows("captures");
     store.applyRemoteCapture(object(R"({"id":5,"note":"x"})"));
     EXPECT_EQ(countRows("captures"), before);
-}
-
-TEST_F(RemoteCaptures, DropRemovesRowsAndFilesAndIgnoresUnknownIDs) {
-    const Capture c = seedShared();
-    CaptureImage image = makeImage(c.id);
-    image.annotatedPath = "2024/05/" + image.id + "-marked.png";
-    seedImageRow(db(), image);
-    std::filesystem::create_directories(image.originalURL().parent_path());
-    std::filesystem::create_directories(image.thumbURL()->parent_path());
-    for (const auto& file : {image.originalURL(), image.displayURL(), *image.thumbURL()}) {
-        std::ofstream(file) << "x";
-    }
-    seedComment(db(), makeComment(c.id, "Hello"));
-    store.dropCapture(c.id);
-    EXPECT_FALSE(rowExists("captures", c.id));
-    EXPECT_FALSE(rowExists("capture_images", image.id));
-    EXPECT_EQ(countRows("comments"), 0);
-    EXPECT_FALSE(std::filesystem::exists(image.originalURL()));
-    EXPECT_FALSE(std::filesystem::exists(image.displayURL()));
-    EXPECT_FALSE(std::filesystem::exists(*image.thumbURL()));
-    EXPECT_NO_THROW(store.dropCapture("no-such-capture"));
 }
 
 // Random local edits, exchanges with edits in flight and remote objects,
