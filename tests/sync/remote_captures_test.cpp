@@ -32,11 +32,8 @@ TEST_F(RemoteCaptures, WhoWinsPerField) {
     };
     const std::string R = "Remote", rURL = "https://remote", lURL = "https://local";
     const Case cases[] = {
-        {"synced row takes every field", "synced", {}, "{}", R, rURL, "Bot", "synced", {}, "remote"},
         {"pending claimed_label keeps claimed_by", "pendingPush", R"({"claimed_label":true})", "{}", R, rURL,
          "Ada", "pendingPush", {"claimed_label"}, "remote"},
-        {"star protects no field", "pendingPush", R"({"*":true})", "{}", R, rURL, "Bot", "pendingPush",
-         {"*"}, "remote"},
         {"pendingPush without a ledger becomes synced", "pendingPush", {}, "{}", R, rURL, "Bot", "synced",
          {}, "remote"},
         {"unreadable ledger counts as empty", "pendingPush", "{not json", "{}", R, rURL, "Bot", "synced",

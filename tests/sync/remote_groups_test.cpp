@@ -36,7 +36,6 @@ TEST_F(RemoteGroups, WhoWinsPerField) {
     const Case cases[] = {
         {"synced takes the server's", "synced", {}, "Remote", "#000000", "synced"},
         {"pending name keeps the name", "pendingPush", R"({"name":true})", "Local", "#000000", "pendingPush"},
-        {"star protects nothing", "pendingPush", R"({"*":true})", "Remote", "#000000", "pendingPush"},
         {"pendingPush without a ledger becomes synced", "pendingPush", {}, "Remote", "#000000", "synced"},
     };
     for (const Case& c : cases) {

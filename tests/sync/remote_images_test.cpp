@@ -14,8 +14,8 @@ protected:
 
     // An image of `owner` with all three files here and hashes A (original), B (marked), C (thumb).
     CaptureImage seedDownloaded(const std::string& syncState, const std::optional<std::string>& pending,
-                                std::int64_t position = 0, Date createdAt = kSeedDate) {
-        CaptureImage image = makeImage(owner.id, position, createdAt);
+                                std::int64_t position = 0) {
+        CaptureImage image = makeImage(owner.id, position);
         image.annotatedPath = "2024/05/" + image.id + "-marked.png";
         image.originalSHA256 = kA;
         image.markedSHA256 = kB;
@@ -73,8 +73,6 @@ TEST_F(RemoteImages, StateTable) {
          "pendingPush", false},
         {"pending position keeps its place", "pendingPush", R"({"position":true})", "{}", kB, path, path,
          R"([{"a":2,"b":1}])", 0, 10, "pendingPush", false},
-        {"star protects nothing", "pendingPush", R"({"*":true})", R"({"annotation_json":"x"})", kB, path, path, "x",
-         2, 10, "pendingPush", false},
         {"a pending tombstone wins", "pendingPush", R"({"delete":true})", R"({"marked_sha256":")" + kD + R"("})",
          kB, path, path, "[]", 0, 800, "pendingPush", false},
         {"pendingPush without a ledger becomes synced", "pendingPush", {}, "{}", kB, path, path,
@@ -110,13 +108,8 @@ TEST_F(RemoteImages, NewRowsTombstonesAndTheCover) {
     EXPECT_EQ(integer("captures", owner.id, "image_width"), 5);  // the cover follows
     EXPECT_EQ(store.imagesAwaitingDownload(1).front().workspaceID, kWorkspace);
 
-    // The newest comes first; a marked hash equal to the original needs no file.
     const CaptureImage first = seedDownloaded("synced", {}, 1);
     const CaptureImage second = seedDownloaded("synced", {}, 2);
-    setColumn(db(), "capture_images", second.id, "marked_sha256", SQLValue(kA));
-    setColumn(db(), "capture_images", second.id, "annotated_path", SQLValue::null());
-    EXPECT_FALSE(awaiting(second.id));
-    EXPECT_EQ(store.imagesAwaitingDownload(1).front().image.id, id);
 
     // A tombstone removes row and files; the cover moves on, then goes empty.
     std::filesystem::create_directories(first.originalURL().parent_path());

@@ -97,15 +97,13 @@ TEST(Wire, ScalarConversionsAndTheirDefaults) {
     EXPECT_EQ(Wire::str(parsed("5")), std::nullopt);
 }
 
-TEST(Wire, StringListsJSONTextAndFields) {
+TEST(Wire, StringListsAndJSONText) {
     EXPECT_EQ(Wire::strings(parsed(R"(["word", 3, "", null])")), (std::vector<std::string>{"word", ""}));
     EXPECT_TRUE(Wire::strings(parsed(R"("word")")).empty());
     EXPECT_EQ(Wire::json(parsed(R"("{}")")), "{}");
     EXPECT_EQ(Wire::json(parsed(R"("")")), "");
     EXPECT_EQ(Wire::json(parsed(R"({"b":1,"a":"x/y"})")), R"({"a":"x\/y","b":1})");
     for (const char* notText : {"3", "true", "null"}) EXPECT_EQ(Wire::json(parsed(notText)), std::nullopt);
-    EXPECT_TRUE(Wire::field(parsed(R"({"a":1})"), "b").is_null());
-    EXPECT_TRUE(Wire::field(parsed("[1]"), "a").is_null());
 }
 
 TEST(Wire, SummaryOfEachKindOfEvent) {
