@@ -45,19 +45,19 @@ TEST_F(Adoption, AdoptThenGiveBack) {
     store.adopt(b.capture.id, kWorkspace);
     EXPECT_EQ(text("captures", a.capture.id, "author_id"), "me");
     EXPECT_EQ(text("captures", b.capture.id, "author_id"), "author-b");
-    EXPECT_EQ(pendingKeys(db(), "captures", a.capture.id), std::set<std::string>{"*"});
-    EXPECT_EQ(pendingKeys(db(), "capture_images", a.image.id), std::set<std::string>{"*"});
-    EXPECT_EQ(syncStateOf(db(), "comments", a.draft.id), "pendingPush");
-    EXPECT_EQ(syncStateOf(db(), "comments", a.synced.id), "synced");
+    EXPECT_EQ(pendingKeys("captures", a.capture.id), std::set<std::string>{"*"});
+    EXPECT_EQ(pendingKeys("capture_images", a.image.id), std::set<std::string>{"*"});
+    EXPECT_EQ(syncStateOf("comments", a.draft.id), "pendingPush");
+    EXPECT_EQ(syncStateOf("comments", a.synced.id), "synced");
     EXPECT_EQ(text("groups", a.group.id, "workspace_id"), kWorkspace);
-    EXPECT_EQ(pendingKeys(db(), "groups", a.group.id), std::set<std::string>{"*"});
+    EXPECT_EQ(pendingKeys("groups", a.group.id), std::set<std::string>{"*"});
     EXPECT_TRUE(store.localCaptures().empty());
 
     store.markLocalOnly(a.capture.id);
     EXPECT_EQ(text("captures", a.capture.id, "workspace_id"), std::nullopt);
-    EXPECT_EQ(syncStateOf(db(), "capture_images", a.image.id), "local");
-    EXPECT_EQ(syncStateOf(db(), "comments", a.draft.id), "local");
-    EXPECT_EQ(syncStateOf(db(), "comments", a.synced.id), "local");
+    EXPECT_EQ(syncStateOf("capture_images", a.image.id), "local");
+    EXPECT_EQ(syncStateOf("comments", a.draft.id), "local");
+    EXPECT_EQ(syncStateOf("comments", a.synced.id), "local");
     EXPECT_EQ(store.localCaptures().size(), 1u);
 
     // Without a user id an unknown author stays unknown.
@@ -73,8 +73,10 @@ TEST_F(Adoption, PurgeAndDropWorkspaceKeepWhatIsLocal) {
     Capture shared = seedShared();
     CaptureImage image = makeImage(shared.id);
     seedImageRow(db(), image);
-    std::filesystem::create_directories(image.originalURL().parent_path());
-    std::ofstream(image.originalURL()) << "x";
+    for (const auto& file : {image.originalURL(), *image.thumbURL()}) {
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file) << "x";
+    }
     Capture gone = seedShared();
     setColumn(db(), "captures", gone.id, "deleted_at", SQLValue(kSeedDate));
     Capture other = makeCapture("Other workspace");
@@ -86,19 +88,19 @@ TEST_F(Adoption, PurgeAndDropWorkspaceKeepWhatIsLocal) {
     store.setSyncMeta("cursor", "12");
 
     store.dropWorkspace(kWorkspace);
-    EXPECT_FALSE(rowExists(db(), "captures", shared.id));
-    EXPECT_FALSE(rowExists(db(), "captures", gone.id));
-    EXPECT_FALSE(std::filesystem::exists(image.originalURL()));
-    EXPECT_TRUE(rowExists(db(), "captures", other.id));
-    EXPECT_EQ(countRows(db(), "SELECT COUNT(*) AS n FROM groups WHERE workspace_id IS NOT NULL;"), 1);
+    EXPECT_FALSE(rowExists("captures", shared.id));
+    EXPECT_FALSE(rowExists("captures", gone.id));
+    EXPECT_FALSE(std::filesystem::exists(image.originalURL()) || std::filesystem::exists(*image.thumbURL()));
+    EXPECT_TRUE(rowExists("captures", other.id));
+    EXPECT_EQ(countRows("groups WHERE workspace_id IS NOT NULL"), 1);
 
     store.purgeAccountData();
     store.purgeAccountData();  // safe to repeat
-    EXPECT_FALSE(rowExists(db(), "captures", other.id));
-    EXPECT_TRUE(rowExists(db(), "captures", kept.capture.id));
-    EXPECT_TRUE(rowExists(db(), "activity", "mine"));
-    EXPECT_FALSE(rowExists(db(), "activity", "theirs"));
-    EXPECT_TRUE(rowExists(db(), "groups", kept.group.id));
+    EXPECT_FALSE(rowExists("captures", other.id));
+    EXPECT_TRUE(rowExists("captures", kept.capture.id));
+    EXPECT_TRUE(rowExists("activity", "mine"));
+    EXPECT_FALSE(rowExists("activity", "theirs"));
+    EXPECT_TRUE(rowExists("groups", kept.group.id));
     EXPECT_EQ(store.syncMeta("cursor"), std::nullopt);
 }
 

@@ -66,8 +66,13 @@ TEST(Keychain, FileFormIsPrivateReplacedWholeAndForgiving) {
 
     std::ofstream(home.sessionFile(), std::ios::binary) << "\xff\xfe";
     EXPECT_EQ(Keychain::read("session"), std::nullopt);
-    Keychain::write("x", "../escape");
-    EXPECT_EQ(Keychain::read("../escape"), std::nullopt);
+    // Account names become file names in the folder: only plain ones are taken.
+    Keychain::write("edge", "azAZ09-_.");
+    EXPECT_EQ(Keychain::read("azAZ09-_."), "edge");
+    for (const char* refused : {".hidden", "../escape", "a`", "a{", "a@", "a[", "a:", "a,", "a^", ""}) {
+        Keychain::write("x", refused);
+        EXPECT_EQ(Keychain::read(refused), std::nullopt) << refused;
+    }
     Keychain::remove("session");
     EXPECT_FALSE(fs::exists(home.sessionFile()));
 }

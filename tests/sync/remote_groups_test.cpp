@@ -36,7 +36,6 @@ TEST_F(RemoteGroups, WhoWinsPerField) {
     const Case cases[] = {
         {"synced takes the server's", "synced", {}, "Remote", "#000000", "synced"},
         {"pending name keeps the name", "pendingPush", R"({"name":true})", "Local", "#000000", "pendingPush"},
-        {"star protects nothing", "pendingPush", R"({"*":true})", "Remote", "#000000", "pendingPush"},
         {"pendingPush without a ledger becomes synced", "pendingPush", {}, "Remote", "#000000", "synced"},
     };
     for (const Case& c : cases) {
@@ -46,10 +45,10 @@ TEST_F(RemoteGroups, WhoWinsPerField) {
             "version":6,"updated_at":"2024-06-01T00:00:00Z","visibility":"workspace","workspace_id":"ws-1"})"));
         EXPECT_EQ(text("groups", local.id, "name"), c.nameAfter);
         EXPECT_EQ(text("groups", local.id, "color_hex"), c.colorAfter);
-        EXPECT_EQ(syncStateOf(db(), "groups", local.id), c.stateAfter);
+        EXPECT_EQ(syncStateOf("groups", local.id), c.stateAfter);
         EXPECT_EQ(integer("groups", local.id, "version"), 6);
         EXPECT_EQ(text("groups", local.id, "visibility"), "workspace");
-        EXPECT_EQ(readColumn(db(), "groups", local.id, "updated_at"), SQLValue(1717200000.0));
+        EXPECT_EQ(readColumn("groups", local.id, "updated_at"), SQLValue(1717200000.0));
         db().execute("DELETE FROM groups;");
     }
 }
@@ -60,14 +59,14 @@ TEST_F(RemoteGroups, NewGroupsTombstonesAndMembers) {
     EXPECT_EQ(text("groups", id, "color_hex"), "#6E7BF2");
     EXPECT_EQ(text("groups", id, "visibility"), "private");
     EXPECT_EQ(text("groups", id, "path"), std::nullopt);
-    EXPECT_EQ(readColumn(db(), "groups", id, "archived_at"), SQLValue(1717200000.0));
+    EXPECT_EQ(readColumn("groups", id, "archived_at"), SQLValue(1717200000.0));
 
     const CaptureGroup group = seedGroup("Filed");
     const Capture filed = fileUnder(group);
     store.applyRemoteGroup(object(R"({"id":")" + group.id + R"(","deleted_at":1717200000})"));  // no name
-    EXPECT_TRUE(rowExists(db(), "groups", group.id));
+    EXPECT_TRUE(rowExists("groups", group.id));
     store.applyRemoteGroup(object(R"({"id":")" + group.id + R"(","name":"x","deleted_at":1717200000})"));
-    EXPECT_FALSE(rowExists(db(), "groups", group.id));
+    EXPECT_FALSE(rowExists("groups", group.id));
     EXPECT_EQ(text("captures", filed.id, "group_id"), std::nullopt);
 
     store.applyRemoteGroupMember(object(R"({"group_id":"g","user_id":"u1"})"));
@@ -85,17 +84,17 @@ TEST_F(RemoteGroups, DropKeepsTheUsersOwnCaptures) {
     const Capture nobodys = fileUnder(group);
     store.applyRemoteGroupMember(object(R"({"group_id":")" + group.id + R"(","user_id":"me"})"));
     store.dropGroup(group.id);
-    EXPECT_TRUE(rowExists(db(), "captures", mine.id));
-    EXPECT_FALSE(rowExists(db(), "captures", theirs.id));
-    EXPECT_FALSE(rowExists(db(), "captures", nobodys.id));
-    EXPECT_TRUE(rowExists(db(), "groups", group.id));
+    EXPECT_TRUE(rowExists("captures", mine.id));
+    EXPECT_FALSE(rowExists("captures", theirs.id));
+    EXPECT_FALSE(rowExists("captures", nobodys.id));
+    EXPECT_TRUE(rowExists("groups", group.id));
     EXPECT_TRUE(store.groupMemberIDs(group.id).empty());
 
     // Without a user id every capture is someone else's, and the empty group goes.
     store.setSyncMeta("user_id", std::nullopt);
     store.dropGroup(group.id);
-    EXPECT_FALSE(rowExists(db(), "captures", mine.id));
-    EXPECT_FALSE(rowExists(db(), "groups", group.id));
+    EXPECT_FALSE(rowExists("captures", mine.id));
+    EXPECT_FALSE(rowExists("groups", group.id));
 }
 
 TEST_F(RemoteGroups, RemapFoldsIntoTheCanonicalGroupWhetherOrNotItIsHere) {
@@ -108,7 +107,7 @@ TEST_F(RemoteGroups, RemapFoldsIntoTheCanonicalGroupWhetherOrNotItIsHere) {
     deleted.deletedAt = kSeedDate;
     seedCaptureRow(db(), deleted);
     store.remapGroup(local.id, canonical.id);
-    EXPECT_FALSE(rowExists(db(), "groups", local.id));
+    EXPECT_FALSE(rowExists("groups", local.id));
     EXPECT_EQ(text("captures", live.id, "group_id"), canonical.id);
     EXPECT_EQ(text("captures", deleted.id, "group_id"), canonical.id);
 
@@ -118,10 +117,10 @@ TEST_F(RemoteGroups, RemapFoldsIntoTheCanonicalGroupWhetherOrNotItIsHere) {
     const Capture filed = fileUnder(early);
     const std::string canonicalID = newID();
     store.remapGroup(early.id, canonicalID);
-    EXPECT_FALSE(rowExists(db(), "groups", early.id));
+    EXPECT_FALSE(rowExists("groups", early.id));
     EXPECT_EQ(text("captures", filed.id, "group_id"), canonicalID);
-    EXPECT_EQ(syncStateOf(db(), "groups", canonicalID), "synced");
-    EXPECT_TRUE(pendingKeys(db(), "groups", canonicalID).empty());
+    EXPECT_EQ(syncStateOf("groups", canonicalID), "synced");
+    EXPECT_TRUE(pendingKeys("groups", canonicalID).empty());
     EXPECT_EQ(text("groups", canonicalID, "path"), "/src/Checkout");  // the local folder link survives
     store.applyRemoteGroup(object(R"({"id":")" + canonicalID + R"(","name":"Checkout","color_hex":"#111111"})"));
     EXPECT_EQ(text("groups", canonicalID, "color_hex"), "#111111");
@@ -130,7 +129,7 @@ TEST_F(RemoteGroups, RemapFoldsIntoTheCanonicalGroupWhetherOrNotItIsHere) {
     EXPECT_THROW(db().execute("UPDATE captures SET group_id = 'nowhere' WHERE id = ?;", {SQLValue(filed.id)}),
                  DatabaseError);
     store.remapGroup(canonicalID, canonicalID);
-    EXPECT_TRUE(rowExists(db(), "groups", canonicalID));
+    EXPECT_TRUE(rowExists("groups", canonicalID));
 }
 
 }  // namespace mirel::test

@@ -59,10 +59,10 @@ TEST_F(RemotePeople, CommentAttribution) {
     seedComment(db(), mine);
     store.applyRemoteComment(on(R"({"id":")" + mine.id + R"(","body":"Final","created_at":1717200000})"));
     EXPECT_EQ(text("comments", mine.id, "body"), "Final");
-    EXPECT_EQ(syncStateOf(db(), "comments", mine.id), "synced");
-    EXPECT_EQ(readColumn(db(), "comments", mine.id, "created_at"), SQLValue(kSeedDate));
+    EXPECT_EQ(syncStateOf("comments", mine.id), "synced");
+    EXPECT_EQ(readColumn("comments", mine.id, "created_at"), SQLValue(kSeedDate));
     store.applyRemoteComment(on(R"({"id":")" + mine.id + R"(","deleted_at":1717200000})"));
-    EXPECT_FALSE(rowExists(db(), "comments", mine.id));
+    EXPECT_FALSE(rowExists("comments", mine.id));
 }
 
 TEST_F(RemotePeople, ActivityEchoesAndActors) {

@@ -49,8 +49,8 @@ protected:
         });
     }
 
-    SyncEngine& make(const std::string& url = "") {
-        engine = SyncEngine::create(io.get_executor(), store, url.empty() ? server.url() : url, "test", "1.0");
+    SyncEngine& make() {
+        engine = SyncEngine::create(io.get_executor(), store, server.url(), "test", "1.0");
         engine->onStatus([this](const SyncStatus& status) { statuses.push_back(std::string(status.name())); });
         return *engine;
     }
@@ -67,10 +67,53 @@ protected:
         }
         return count;
     }
-    std::vector<std::string> logLines() {
-        std::vector<std::string> lines;
-        for (const auto& line : store.syncLog(100)) lines.insert(lines.begin(), line.level + " " + line.message);
-        return lines;
+    // A reply that takes every change of `body`.
+    static Json applied(const Json& body) {
+        Json results = Json::array();
+        for (const Json& change : body["changes"]) results.push_back({{"id", change["id"]}, {"status", "applied"}});
+        return {{"results", results}};
+    }
+    // The changes of the first exchange; later ones bring nothing.
+    void onFirstSync(Json changes) {
+        onSync([changes](const Json&, int exchange) { return exchange > 1 ? Json::object() : Json{{"changes", changes}}; });
+    }
+    static Json remoteImage(const std::string& id, const std::string& captureID, Json row) {
+        row["id"] = id;
+        row["capture_id"] = captureID;
+        row["version"] = 1;
+        return {{"table", "capture_images"}, {"row", row}};
+    }
+    struct Blob {
+        std::string bytes, sha;
+    };
+    static Blob blob(char fill, std::size_t size = 100) {
+        const std::string bytes = "\x89PNG\r\n\x1a\n" + std::string(size, fill);
+        return {bytes, ContentHash::sha256({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()})};
+    }
+    std::string locator(const Blob& blob) { return Json{{"url", server.url() + "/store/" + blob.sha}}.dump(); }
+    // The blob API points at /store/{sha}, which answers with the bytes.
+    void serve(const Blob& blob) {
+        server.on("GET /v1/blobs/ws-1/" + blob.sha, ApiTestServer::json(200, locator(blob)));
+        server.on("GET /store/" + blob.sha, [bytes = blob.bytes](const httplib::Request&, httplib::Response& response) {
+            response.set_content(bytes, "image/png");
+        });
+    }
+    // The names of the screenshot files in the library, sorted.
+    std::vector<std::string> files() {
+        std::vector<std::string> found;
+        if (!fs::exists(library.home() / "captures")) return found;
+        for (const auto& entry : fs::recursive_directory_iterator(library.home() / "captures")) {
+            if (entry.is_regular_file()) found.push_back(entry.path().filename().string());
+        }
+        std::sort(found.begin(), found.end());
+        return found;
+    }
+    // How many lines of the sync log ("level message") hold `part`.
+    long logged(const std::string& part) {
+        const auto lines = store.syncLog(100);
+        return std::count_if(lines.begin(), lines.end(), [&](const auto& line) {
+            return (line.level + " " + line.message).find(part) != std::string::npos;
+        });
     }
 
     ScopedEnv env;
@@ -122,14 +165,15 @@ TEST_F(SyncEngineTest, VerdictsSettleTheLedgerAndRetriedRejectionsStopAtSix) {
     make();
     syncOnce();
 
-    const auto lines = logLines();
     for (const auto& [id, row] : byID) {
         SCOPED_TRACE(row->result);
         EXPECT_EQ(timesSent(id), row->wantSent);
         EXPECT_EQ(text("captures", id, "sync_state"), row->wantState);
         std::string want = row->wantLog;
         if (const auto at = want.find("{id8}"); at != std::string::npos) want.replace(at, 5, id8(id));
-        EXPECT_EQ(std::count(lines.begin(), lines.end(), want), want.empty() ? 0 : 1);
+        if (!want.empty()) {
+            EXPECT_EQ(logged(want), 1);
+        }
     }
     EXPECT_EQ(store.syncMeta("cursor"), "12");
     EXPECT_EQ(sentBodies.size(), 6u);
@@ -141,7 +185,7 @@ TEST_F(SyncEngineTest, EachKindOfFailureGivesItsStatusAndLosesNoEdit) {
         const char* name;
         std::function<void(httplib::Response&)> reply;  // of the first /v1/sync
         const char* wantStatus;
-        const char* wantLog;  // the newest line of the sync log, "" for none
+        const char* wantLog;  // the start of the one line it logs, "" for none
     };
     const Row rows[] = {
         {"500", [](auto& r) { r.status = 500; }, "failed", "error "},
@@ -164,23 +208,18 @@ TEST_F(SyncEngineTest, EachKindOfFailureGivesItsStatusAndLosesNoEdit) {
         std::atomic<bool> failing{true};
         server.on("POST /v1/sync", [&](const httplib::Request& request, httplib::Response& response) {
             if (failing.exchange(false)) return row.reply(response);
-            const Json body = *parseJSON(request.body);
-            Json results = Json::array();
-            for (const Json& change : body["changes"]) {
-                results.push_back({{"id", change["id"]}, {"status", "applied"}});
-            }
-            response.set_content(Json{{"results", results}}.dump(), "application/json");
+            response.set_content(applied(*parseJSON(request.body)).dump(), "application/json");
         });
         statuses.clear();
+        const std::size_t logSize = store.syncLog(1000).size();
         make();
         syncOnce();
         EXPECT_EQ(statuses.back(), row.wantStatus);
-        const auto log = store.syncLog(1);
-        const std::string newest = log.empty() ? "" : log.front().level + " " + log.front().message;
-        // Without a line of its own, the newest is the previous row's marker.
-        const std::string want = *row.wantLog ? row.wantLog : "info -- ";
-        EXPECT_TRUE(newest.starts_with(want) || (!*row.wantLog && newest.empty())) << newest;
-        store.log("info", "-- " + std::string(row.name));  // a marker for the next row
+        const auto log = store.syncLog(1000);
+        ASSERT_EQ(log.size(), logSize + (*row.wantLog ? 1 : 0));
+        if (*row.wantLog) {
+            EXPECT_TRUE((log.front().level + " " + log.front().message).starts_with(row.wantLog));
+        }
 
         if (std::string(row.wantStatus) != "idle") {
             // Nothing lost: the edit still waits, and the next good run sends it.
@@ -217,9 +256,7 @@ TEST_F(SyncEngineTest, AnEditMadeWhileItsChangeIsInFlightGoesOutNext) {
             edited.note = "Second words";
             store.update(edited);
         }
-        Json results = Json::array();
-        for (const Json& change : body["changes"]) results.push_back({{"id", change["id"]}, {"status", "applied"}});
-        return Json{{"results", results}};
+        return applied(body);
     });
     make();
     syncOnce();
@@ -231,147 +268,65 @@ TEST_F(SyncEngineTest, AnEditMadeWhileItsChangeIsInFlightGoesOutNext) {
 
 TEST_F(SyncEngineTest, ServerGivenNamesThatAreNotPlainFileNamesAreRefused) {
     const Capture c = seedShared("Shared");
-    const auto imageRow = [&](const std::string& id, const std::string& sha) {
-        return Json{{"table", "capture_images"},
-                    {"row",
-                     {{"id", id}, {"capture_id", c.id}, {"position", 0}, {"original_sha256", sha},
-                      {"created_at", "2024-05-01T00:00:00.000Z"}, {"version", 1}}}};
-    };
-    onSync([&](const Json&, int) {
-        return Json{{"changes", {imageRow("../../outside", "aa11"), imageRow("img-ok", "../../etc/passwd"),
-                                 imageRow(std::string(65, 'a'), "bb22")}}};
-    });
+    onFirstSync({remoteImage("../../outside", c.id, {{"original_sha256", "aa11"}}),
+                 remoteImage("img-ok", c.id, {{"original_sha256", "../../etc/passwd"}}),
+                 remoteImage(std::string(65, 'a'), c.id, {{"original_sha256", "bb22"}})});
     server.on("GET /v1/blobs/ws-1/aa11", ApiTestServer::json(500, "{}"));
     make();
     syncOnce();
-    const auto lines = logLines();
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [](const std::string& line) { return line.find("is not a plain file name") != std::string::npos; }),
-              3);
+    EXPECT_EQ(logged("is not a plain file name"), 3);
     for (const auto& seen : server.seen()) EXPECT_FALSE(seen.target.starts_with("/v1/blobs")) << seen.target;
     EXPECT_FALSE(fs::exists(library.home().parent_path() / "outside.png"));
 }
 
-TEST_F(SyncEngineTest, ADownloadCutOffLeavesNoFileAndTheNextRunFetchesIt) {
+// Fetched newest first: a screenshot that is its own thumbnail comes once, an
+// image the server refuses is skipped, one cut off mid-file leaves no file, and
+// a broken API connection ends the run keeping what came before it. The next
+// run fetches the rest.
+TEST_F(SyncEngineTest, DownloadsSkipFailedImagesStopWhenTheServerIsGoneAndFinishNextRun) {
     const Capture c = seedShared("Shared");
-    const std::string png = "\x89PNG\r\n\x1a\n" + std::string(4000, 'x');
-    const std::string sha = ContentHash::sha256({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()});
-    onSync([&](const Json&, int exchange) {
-        if (exchange > 1) return Json::object();
-        return Json{{"changes",
-                     {{{"table", "capture_images"},
-                       {"row",
-                        {{"id", "img-1"}, {"capture_id", c.id}, {"position", 0}, {"original_sha256", sha},
-                         {"marked_sha256", sha}, {"version", 1}}}}}}};
-    });
-    server.on("GET /v1/blobs/ws-1/" + sha, ApiTestServer::json(200, Json{{"url", server.url() + "/store/" + sha}}.dump()));
-    std::atomic<int> fetches{0};
-    server.on("GET /store/" + sha, [&](const httplib::Request&, httplib::Response& response) {
-        const bool cut = fetches++ == 0;
-        response.set_content_provider(png.size(), "image/png", [&, cut](std::size_t, std::size_t, httplib::DataSink& sink) {
-            sink.write(png.data(), cut ? png.size() / 2 : png.size());
-            return !cut;
+    const Blob fine = blob('a'), refused = blob('b'), cut = blob('c', 4000), broken = blob('d');
+    Json changes = Json::array();
+    for (const Blob* image : {&fine, &refused, &cut, &broken}) {
+        const int n = static_cast<int>(changes.size());
+        Json row = {{"original_sha256", image->sha}, {"marked_sha256", image->sha}, {"position", n},
+                    {"created_at", 1717400000 - n}};
+        if (image == &fine) row["thumb_sha256"] = fine.sha;
+        changes.push_back(remoteImage("img-" + std::to_string(n), c.id, row));
+        serve(*image);
+    }
+    onFirstSync(changes);
+    server.on("GET /v1/blobs/ws-1/" + refused.sha, ApiTestServer::json(500, "{}"));
+    std::atomic<int> cutFetches{0}, brokenFetches{0};
+    server.on("GET /store/" + cut.sha, [&](const httplib::Request&, httplib::Response& response) {
+        const bool short_ = cutFetches++ == 0;
+        response.set_content_provider(cut.bytes.size(), "image/png", [&, short_](std::size_t, std::size_t, httplib::DataSink& sink) {
+            sink.write(cut.bytes.data(), short_ ? cut.bytes.size() / 2 : cut.bytes.size());
+            return !short_;
         });
     });
-    const auto files = [&] {
-        std::vector<std::string> found;
-        for (const auto& entry : fs::recursive_directory_iterator(library.home() / "captures")) {
-            if (entry.is_regular_file()) found.push_back(entry.path().filename().string());
-        }
-        return found;
-    };
-    make();
-    syncOnce();
-    EXPECT_EQ(statuses.back(), "idle");
-    EXPECT_TRUE(files().empty());
-    EXPECT_EQ(text("capture_images", "img-1", "image_path"), "");
-    EXPECT_TRUE(store.syncLog(1).front().message.starts_with("Download for image img-1 failed: "));
-
-    syncOnce();
-    EXPECT_EQ(files(), std::vector<std::string>{"img-1.png"});  // one file: the marked hash is the original's
-    EXPECT_EQ(readBytes(library.home() / "captures" / *text("capture_images", "img-1", "image_path")), png);
-}
-
-TEST_F(SyncEngineTest, AScreenshotThatIsItsOwnThumbnailTravelsOnceEachWay) {
-    const std::string png = "\x89PNG\r\n\x1a\n" + std::string(3000, 'p');
-    const std::string sha = ContentHash::sha256({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()});
-    // Going up: a local image whose two files hold the same bytes.
-    const Capture local = seedShared("Local");
-    const CaptureImage up = makeImage(local.id);
-    seedImageRow(db(), up);
-    setLedger("capture_images", up.id, "pendingPush", R"({"*":true})");
-    for (const fs::path& file : {library.home() / "captures" / up.imagePath, library.home() / "thumbs" / *up.thumbPath}) {
-        fs::create_directories(file.parent_path());
-        writeBytes(file, png);
-    }
-    // Coming down: a remote image whose screenshot and thumbnail share one hash.
-    const Capture shared = seedShared("Shared");
-    onSync([&](const Json&, int exchange) {
-        if (exchange > 1) return Json::object();
-        return Json{{"changes",
-                     {{{"table", "capture_images"},
-                       {"row",
-                        {{"id", "img-down"}, {"capture_id", shared.id}, {"position", 0}, {"original_sha256", sha},
-                         {"thumb_sha256", sha}, {"version", 1}}}}}}};
-    });
-    server.on("POST /v1/uploads", ApiTestServer::json(200, Json{{"url", server.url() + "/put/" + sha}}.dump()));
-    server.on("PUT /put/" + sha, ApiTestServer::json(200, "{}"));
-    server.on("POST /v1/uploads/complete", ApiTestServer::json(200, "{}"));
-    server.on("GET /v1/blobs/ws-1/" + sha, ApiTestServer::json(200, Json{{"url", server.url() + "/store/" + sha}}.dump()));
-    server.on("GET /store/" + sha, [&](const httplib::Request&, httplib::Response& response) {
-        response.set_content(png, "image/png");
-    });
-    make();
-    syncOnce();
-    EXPECT_EQ(statuses.back(), "idle");
-
-    std::map<std::string, int> calls;
-    for (const auto& request : server.seen()) ++calls[request.method + " " + request.target];
-    EXPECT_EQ(calls["POST /v1/uploads"], 1);
-    EXPECT_EQ(calls["PUT /put/" + sha], 1);
-    EXPECT_EQ(calls["GET /v1/blobs/ws-1/" + sha], 1);
-    EXPECT_EQ(calls["GET /store/" + sha], 1);
-    EXPECT_EQ(text("capture_images", up.id, "original_sha256"), sha);
-    EXPECT_EQ(text("capture_images", up.id, "thumb_sha256"), sha);
-    const auto imagePath = text("capture_images", "img-down", "image_path");
-    const auto thumbPath = text("capture_images", "img-down", "thumb_path");
-    ASSERT_TRUE(imagePath && thumbPath && !imagePath->empty());
-    EXPECT_EQ(readBytes(library.home() / "captures" / *imagePath), png);
-    EXPECT_EQ(readBytes(library.home() / "thumbs" / *thumbPath), png);
-    EXPECT_EQ(text("captures", shared.id, "image_path"), imagePath);  // the cover follows
-}
-
-TEST_F(SyncEngineTest, ABatchCutOffByTheServerKeepsTheImagesFinishedBeforeIt) {
-    const Capture c = seedShared("Shared");
-    Json rows = Json::array();
-    std::vector<std::string> shas;
-    for (int n = 0; n < 3; ++n) {
-        const std::string png = "\x89PNG\r\n\x1a\n" + std::string(100, static_cast<char>('a' + n));
-        shas.push_back(ContentHash::sha256({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()}));
-        // Newest first: the last one is fetched last.
-        rows.push_back({{"table", "capture_images"},
-                        {"row",
-                         {{"id", "img-" + std::to_string(n)}, {"capture_id", c.id}, {"position", n},
-                          {"original_sha256", shas[n]}, {"version", 1},
-                          {"created_at", "2024-06-0" + std::to_string(3 - n) + "T00:00:00Z"}}}});
-        server.on("GET /v1/blobs/ws-1/" + shas[n],
-                  ApiTestServer::json(200, Json{{"url", server.url() + "/store/" + shas[n]}}.dump()));
-        server.on("GET /store/" + shas[n], [png](const httplib::Request&, httplib::Response& response) {
-            response.set_content(png, "image/png");
-        });
-    }
-    server.on("GET /v1/blobs/ws-1/" + shas[2], [](const httplib::Request&, httplib::Response& response) {
+    server.on("GET /v1/blobs/ws-1/" + broken.sha, [&](const httplib::Request&, httplib::Response& response) {
+        if (brokenFetches++ > 0) return response.set_content(locator(broken), "application/json");
         response.set_content_provider(100, "application/json", [](std::size_t, std::size_t, httplib::DataSink& sink) {
             sink.write("{\"url\":", 7);
-            return false;  // the connection to the API breaks
+            return false;
         });
     });
-    onSync([&](const Json&, int exchange) { return exchange > 1 ? Json::object() : Json{{"changes", rows}}; });
     make();
     syncOnce();
     EXPECT_EQ(statuses.back(), "offline");
-    for (int n : {0, 1}) EXPECT_NE(text("capture_images", "img-" + std::to_string(n), "image_path"), "") << n;
-    EXPECT_EQ(text("capture_images", "img-2", "image_path"), "");
+    EXPECT_EQ(files(), std::vector<std::string>{"img-0.png"});
+    EXPECT_EQ(readBytes(library.home() / "thumbs" / *text("capture_images", "img-0", "thumb_path")), fine.bytes);
+    EXPECT_EQ(text("captures", c.id, "image_path"), text("capture_images", "img-0", "image_path"));  // the cover
+    EXPECT_EQ(logged("Download for image img-1 failed: ") + logged("Download for image img-2 failed: "), 2);
+
+    syncOnce();
+    EXPECT_EQ(statuses.back(), "idle");
+    // One file each: the marked hash is the original's.
+    EXPECT_EQ(files(), (std::vector<std::string>{"img-0.png", "img-2.png", "img-3.png"}));
+    EXPECT_EQ(readBytes(library.home() / "captures" / *text("capture_images", "img-2", "image_path")), cut.bytes);
+    const auto seen = server.seen();
+    EXPECT_EQ(std::count_if(seen.begin(), seen.end(), [&](const auto& r) { return r.target == "/store/" + fine.sha; }), 1);
 }
 
 TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust) {
