@@ -354,11 +354,9 @@ TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust)
             if (i > 0) {  // the first image's file is gone
                 const fs::path file = library.home() / "captures" / image.imagePath;
                 fs::create_directories(file.parent_path());
-                const std::string bytes = "\x89PNG\r\n\x1a\n" + image.id;
-                writeBytes(file, bytes);
-                const std::string sha =
-                    ContentHash::sha256({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
-                server.on("PUT /put/" + sha, ApiTestServer::json(200, "{}"));
+                const Blob bytes = blob(static_cast<char>('a' + i));
+                writeBytes(file, bytes.bytes);
+                server.on("PUT /put/" + bytes.sha, ApiTestServer::json(200, "{}"));
             }
             images.push_back(image);
         }
@@ -379,11 +377,7 @@ TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust)
             response.set_content(Json{{"url", server.url() + "/put/" + sha}}.dump(), "application/json");
         });
         server.on("POST /v1/uploads/complete", ApiTestServer::json(200, "{}"));
-        onSync([](const Json& body, int) {
-            Json results = Json::array();
-            for (const Json& change : body["changes"]) results.push_back({{"id", change["id"]}, {"status", "applied"}});
-            return Json{{"results", results}};
-        });
+        onSync([](const Json& body, int) { return applied(body); });
         statuses.clear();
         sentBodies.clear();
         make();
@@ -395,10 +389,7 @@ TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust)
         if (row.wantSent) EXPECT_GT(mostInFlight, 1);
         // The image that could not be read stays pending, with one warning.
         EXPECT_EQ(text("capture_images", images[0].id, "sync_state"), "pendingPush");
-        const auto lines = logLines();
-        const std::string skipped = "warn Image " + id8(images[0].id) + " skipped: ";
-        EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [&](const std::string& l) { return l.starts_with(skipped); }),
-                  1);
+        EXPECT_EQ(logged("warn Image " + id8(images[0].id) + " skipped: "), 1);
 
         // Once the server takes uploads again, the rest go out; nothing was lost.
         failing = false;
