@@ -5,6 +5,7 @@
 #include "core/sync/keychain.h"
 #include "core/sync/sync_engine.h"
 #include "tests/support/api_test_server.h"
+#include "tests/support/dbus_session.h"
 #include "tests/support/image_files.h"
 #include "tests/support/scoped_env.h"
 #include "tests/sync/sync_fixture.h"
@@ -400,6 +401,40 @@ TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust)
             EXPECT_TRUE(text("capture_images", images[i].id, "original_sha256")) << i;
         }
     }
+}
+
+TEST_F(SyncEngineTest, TheDailyReconcileDropsWhatTheServerLostAndRefetchesWhatIsMissingHere) {
+    DBusSession bus;
+    const Capture kept = seedShared("Kept"), lost = seedShared("Lost");
+    std::atomic<int> reconciles{0};
+    std::string reply;
+    server.on("POST /v1/sync/reconcile", [&](const httplib::Request&, httplib::Response& response) {
+        ++reconciles;
+        response.set_content(reply, "application/json");
+    });
+    onSync([](const Json& body, int) {
+        Json reply = applied(body);
+        reply["cursor"] = 7;
+        return reply;
+    });
+    make();
+    ChangeSignalListener listener;
+    // Nothing to drop: nothing for other programs to re-read either.
+    reply = R"({"drop":[],"missing":[]})";
+    syncOnce();
+    EXPECT_EQ(listener.settle(0), 0);
+    syncOnce();
+    EXPECT_EQ(reconciles, 1) << "once a day";
+
+    store.setSyncMeta("last_reconcile", "2000-01-01T00:00:00Z");
+    reply = Json{{"drop", {lost.id}}, {"missing", {"elsewhere"}}}.dump();
+    syncOnce();
+    EXPECT_EQ(reconciles, 2);
+    EXPECT_GE(listener.settle(1), 1);
+    EXPECT_FALSE(rowExists("captures", lost.id));
+    EXPECT_TRUE(rowExists("captures", kept.id));
+    EXPECT_EQ(logged("1 captures missing locally; pulling everything again"), 1);
+    EXPECT_EQ(sentBodies.back()["cursor"], 0) << "a whole pull follows at once";
 }
 
 }  // namespace
