@@ -55,19 +55,17 @@ std::optional<SyncEngine::ImageBlobs> SyncEngine::blobsToSend(const CaptureImage
     const auto capture = store_.rawCapture(image.captureID);
     if (!capture || !capture->workspaceID) return std::nullopt;  // not shared: nothing to send
     using File = ImageBlobs::File;
-    return ImageBlobs{
-        image.id,
-        *capture->workspaceID,
-        {File{image.imagePath.empty() ? std::nullopt : std::optional(image.imagePath), MirelPaths::imageURL,
-              image.originalSHA256},
-         File{image.annotatedPath, MirelPaths::imageURL, image.markedSHA256},
-         File{image.thumbPath, MirelPaths::thumbURL, image.thumbSHA256}},
-        false,
-        nullptr,
-    };
+    ImageBlobs blobs;
+    blobs.imageID = image.id;
+    blobs.workspaceID = *capture->workspaceID;
+    blobs.files = {File{image.imagePath.empty() ? std::nullopt : std::optional(image.imagePath),
+                        MirelPaths::imageURL, image.originalSHA256},
+                   File{image.annotatedPath, MirelPaths::imageURL, image.markedSHA256},
+                   File{image.thumbPath, MirelPaths::thumbURL, image.thumbSHA256}};
+    return blobs;
 }
 
-void SyncEngine::sendImageFiles(const SyncClient& client, ImageBlobs& image, const Cancellation& cancel) {
+void SyncEngine::uploadFilesOf(const SyncClient& client, ImageBlobs& image, const Cancellation& cancel) {
     std::vector<std::string> onServer;  // hashes of this image's files known to be there
     for (ImageBlobs::File& file : image.files) {
         if (!file.path) continue;
@@ -97,14 +95,24 @@ asio::awaitable<void> SyncEngine::ensureBlobs(std::vector<ImageBlobs>& images) {
         const auto work = [&] {
             for (std::size_t at; !stopped && (at = next++) < images.size();) {
                 ImageBlobs& image = images[at];
+                using Outcome = ImageBlobs::Outcome;
                 try {
-                    sendImageFiles(client_, image, cancel);
-                    image.sent = true;
+                    uploadFilesOf(client_, image, cancel);
+                    image.outcome = Outcome::sent;
                 } catch (const SyncError& error) {
-                    image.failure = std::current_exception();
-                    if (error.kind() != SyncError::Kind::uploadsDisabled) stopped = true;
+                    if (error.kind() == SyncError::Kind::uploadsDisabled) {
+                        image.outcome = Outcome::held;
+                    } else {
+                        image.outcome = Outcome::endsRun;
+                        image.runEnding = std::current_exception();
+                        stopped = true;
+                    }
+                } catch (const std::exception& error) {
+                    image.outcome = Outcome::skipped;
+                    image.skipReason = error.what();
                 } catch (...) {
-                    image.failure = std::current_exception();
+                    image.outcome = Outcome::skipped;
+                    image.skipReason = "unexpected failure";
                 }
             }
         };

@@ -71,20 +71,16 @@ asio::awaitable<std::set<std::string>> SyncEngine::sendImageFiles(const std::vec
     std::set<std::string> held;
     std::exception_ptr runEnding;
     for (const ImageBlobs& image : images) {
-        if (image.sent) {
+        using Outcome = ImageBlobs::Outcome;
+        if (image.outcome == Outcome::sent) {
             store_.setImageHashes(image.imageID, image.files[0].hash, image.files[1].hash, image.files[2].hash);
             continue;
         }
         held.insert(image.imageID);
-        // A refusal to take uploads keeps the row pending silently; a failure
-        // of the image's own (its file unreadable) is worth a warning; any
-        // other ends the run, once the hashes of what did go are kept.
-        try {
-            if (image.failure) std::rethrow_exception(image.failure);
-        } catch (const SyncError& error) {
-            if (error.kind() != SyncError::Kind::uploadsDisabled && !runEnding) runEnding = image.failure;
-        } catch (const std::exception& error) {
-            store_.log("warn", "Image " + id8(image.imageID) + " skipped: " + error.what());
+        // The run ends on the first such failure, once the hashes of what did go are kept.
+        if (image.outcome == Outcome::endsRun && !runEnding) runEnding = image.runEnding;
+        if (image.outcome == Outcome::skipped) {
+            store_.log("warn", "Image " + id8(image.imageID) + " skipped: " + image.skipReason);
         }
     }
     if (runEnding) std::rethrow_exception(runEnding);

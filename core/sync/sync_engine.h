@@ -25,9 +25,9 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
 #include <exception>
 #include <filesystem>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -149,24 +149,29 @@ private:
             std::filesystem::path (*locate)(const std::string&);
             std::optional<std::string> hash;  // the stored one before, the sent one after
         };
+        // How sending ended: not tried (a failure elsewhere ended the run
+        // first), sent, held back silently (the server takes no uploads),
+        // skipped (a failure of the image's own: `skipReason`), or a failure
+        // that ends the run (`runEnding`).
+        enum class Outcome { untried, sent, held, skipped, endsRun };
         std::string imageID;
         std::string workspaceID;
         std::array<File, 3> files;  // original, marked, thumbnail
-        bool sent = false;
-        std::exception_ptr failure;
+        Outcome outcome = Outcome::untried;
+        std::string skipReason;
+        std::exception_ptr runEnding;
     };
     // What must reach the server before the image's change can go out;
     // nothing when its capture is not shared.
     std::optional<ImageBlobs> blobsToSend(const CaptureImage& image);
     // Sends the images' files, several images at once, each file only when
-    // its hash is not known to be on the server. Each image ends sent or with
-    // its failure; after a failure that ends the run, images not yet started
-    // stay unsent, without a failure.
+    // its hash is not known to be on the server, and sets each one's outcome.
+    // After a failure that ends the run no further image is tried.
     asio::awaitable<void> ensureBlobs(std::vector<ImageBlobs>& images);
+    static void uploadFilesOf(const SyncClient& client, ImageBlobs& image, const Cancellation& cancel);
     // Sends the files of the image rows about to go out and keeps their
     // hashes; gives the rows to hold back this time. Throws what ends the run.
     asio::awaitable<std::set<std::string>> sendImageFiles(const std::vector<CaptureStore::Pending>& pending);
-    static void sendImageFiles(const SyncClient& client, ImageBlobs& image, const Cancellation& cancel);
     asio::awaitable<void> downloadPendingImages();
     // An image whose files are written but whose paths are not stored yet.
     struct DownloadedImage {

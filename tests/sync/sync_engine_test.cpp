@@ -387,7 +387,9 @@ TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust)
         int sent = 0;
         for (const CaptureImage& image : images) sent += timesSent(image.id);
         EXPECT_EQ(sent, row.wantSent);
-        if (row.wantSent) EXPECT_GT(mostInFlight, 1);
+        if (row.wantSent) {
+            EXPECT_GT(mostInFlight, 1);
+        }
         // The image that could not be read stays pending, with one warning.
         EXPECT_EQ(text("capture_images", images[0].id, "sync_state"), "pendingPush");
         EXPECT_EQ(logged("warn Image " + id8(images[0].id) + " skipped: "), 1);
