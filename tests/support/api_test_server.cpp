@@ -34,6 +34,8 @@ ApiTestServer::ApiTestServer() {
     server_.Get(".*", answer);
     server_.Post(".*", answer);
     server_.Put(".*", answer);
+    // An idle kept-alive connection holds the server's stop back for this long.
+    server_.set_keep_alive_timeout(1);
     port_ = server_.bind_to_any_port("127.0.0.1");
     if (port_ <= 0) throw std::runtime_error("cannot bind a test server to 127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
