@@ -10,18 +10,19 @@
 #include "core/store/mirel_paths.h"
 #include "core/sync/content_hash.h"
 #include "core/sync/http_transfer.h"
+#include "core/sync/side_by_side.h"
 
 #include <algorithm>
 #include <array>
-#include <atomic>
-#include <thread>
 
 namespace mirel {
 
 namespace {
 
 constexpr std::int64_t downloadsPerRun = 30;
-constexpr std::size_t uploadsAtOnce = 4;
+// Uploads and downloads each go this many side by side; eight measured
+// slower than four.
+constexpr std::size_t transfersAtOnce = 4;
 
 }  // namespace
 
@@ -86,65 +87,71 @@ void SyncEngine::uploadFilesOf(const SyncClient& client, ImageBlobs& image, cons
 asio::awaitable<void> SyncEngine::ensureBlobs(std::vector<ImageBlobs>& images) {
     if (images.empty()) co_return;
     co_await call([this, &images](const Cancellation& cancel) {
-        // Each upload is a few round trips that mostly wait on the other
-        // side, so several images travel side by side. A failure that is not
-        // the image's own (the server, the network, the session) stops the
-        // taking of further images: the run ends on it.
-        std::atomic<std::size_t> next{0};
-        std::atomic<bool> stopped{false};
-        const auto work = [&] {
-            for (std::size_t at; !stopped && (at = next++) < images.size();) {
-                ImageBlobs& image = images[at];
-                using Outcome = ImageBlobs::Outcome;
-                try {
-                    uploadFilesOf(client_, image, cancel);
-                    image.outcome = Outcome::sent;
-                } catch (const SyncError& error) {
-                    if (error.kind() == SyncError::Kind::uploadsDisabled) {
-                        image.outcome = Outcome::held;
-                    } else {
-                        image.outcome = Outcome::endsRun;
-                        image.runEnding = std::current_exception();
-                        stopped = true;
-                    }
-                } catch (const std::exception& error) {
-                    image.outcome = Outcome::skipped;
-                    image.skipReason = error.what();
-                } catch (...) {
-                    image.outcome = Outcome::skipped;
-                    image.skipReason = "unexpected failure";
+        // A failure that is not the image's own (the server, the network,
+        // the session) stops the taking of further images: the run ends on it.
+        sideBySide(images, transfersAtOnce, [&](ImageBlobs& image) {
+            using Outcome = ImageBlobs::Outcome;
+            try {
+                uploadFilesOf(client_, image, cancel);
+                image.outcome = Outcome::sent;
+            } catch (const SyncError& error) {
+                if (error.kind() != SyncError::Kind::uploadsDisabled) {
+                    image.outcome = Outcome::endsRun;
+                    image.runEnding = std::current_exception();
+                    return false;
                 }
+                image.outcome = Outcome::held;
+            } catch (const std::exception& error) {
+                image.outcome = Outcome::skipped;
+                image.skipReason = error.what();
+            } catch (...) {
+                image.outcome = Outcome::skipped;
+                image.skipReason = "unexpected failure";
             }
-        };
-        std::vector<std::jthread> helpers;
-        const std::size_t helperCount = std::min<std::size_t>(uploadsAtOnce, images.size()) - 1;
-        for (std::size_t i = 0; i < helperCount; ++i) helpers.emplace_back(work);
-        work();
+            return true;
+        });
     });
 }
 
 asio::awaitable<void> SyncEngine::downloadPendingImages() {
-    const auto awaiting = store_.imagesAwaitingDownload(downloadsPerRun);
-    if (awaiting.empty()) co_return;
-    // Files are made durable once for the whole batch, not one fsync each,
-    // and a path is stored only after that.
-    std::vector<DownloadedImage> downloaded;
-    for (const auto& [image, workspaceID] : awaiting) {  // only rows with plain names are offered
-        std::optional<std::string> failure;
-        try {
-            downloaded.push_back(co_await downloadImage(image, workspaceID));
-        } catch (const SyncError& error) {
-            if (error.kind() == SyncError::Kind::unauthorized || error.kind() == SyncError::Kind::offline) {
-                storeDownloadedImages(downloaded);  // what was finished before the run ends
-                throw;
+    std::vector<ImageDownload> batch;
+    for (auto& [image, workspaceID] : store_.imagesAwaitingDownload(downloadsPerRun)) {  // only plain names are offered
+        batch.emplace_back().image = std::move(image);
+        batch.back().workspaceID = std::move(workspaceID);
+    }
+    if (batch.empty()) co_return;
+    co_await call([this, &batch](const Cancellation& cancel) {
+        // Losing the session or the network ends the run; any other failure
+        // is the image's own, and the others go on.
+        sideBySide(batch, transfersAtOnce, [&](ImageDownload& download) {
+            try {
+                download.files = fetchFilesOf(client_, download.image, download.workspaceID, cancel);
+            } catch (const SyncError& error) {
+                if (error.kind() == SyncError::Kind::unauthorized || error.kind() == SyncError::Kind::offline) {
+                    download.runEnding = std::current_exception();
+                    return false;
+                }
+                download.failure = error.what();
+            } catch (const std::exception& error) {
+                download.failure = error.what();
             }
-            failure = error.what();
-        } catch (const std::exception& error) {
-            failure = error.what();
+            return true;
+        });
+    });
+    // Files are made durable once for the whole batch, not one fsync each,
+    // and a path is stored only after that; on a run-ending failure, what
+    // was finished before it is kept.
+    std::vector<DownloadedImage> downloaded;
+    std::exception_ptr runEnding;
+    for (ImageDownload& download : batch) {
+        if (download.files) downloaded.push_back(std::move(*download.files));
+        if (!download.failure.empty()) {
+            store_.log("warn", "Download for image " + id8(download.image.id) + " failed: " + download.failure);
         }
-        if (failure) store_.log("warn", "Download for image " + id8(image.id) + " failed: " + *failure);
+        if (download.runEnding && !runEnding) runEnding = download.runEnding;
     }
     storeDownloadedImages(downloaded);
+    if (runEnding) std::rethrow_exception(runEnding);
     ChangeSignal::post();
 }
 
@@ -174,48 +181,38 @@ void SyncEngine::storeDownloadedImages(const std::vector<DownloadedImage>& image
     }
 }
 
-asio::awaitable<SyncEngine::DownloadedImage> SyncEngine::downloadImage(const CaptureImage& image,
-                                                                       const std::string& workspaceID) {
+SyncEngine::DownloadedImage SyncEngine::fetchFilesOf(const SyncClient& client, const CaptureImage& image,
+                                                    const std::string& workspaceID, const Cancellation& cancel) {
     DownloadedImage paths{image.id, image.imagePath, image.annotatedPath, image.thumbPath};
-    // Named, not temporaries: g++ 12 destroys a temporary argument of a
-    // coroutine called in a co_await twice.
-    const std::filesystem::path capturesRoot = MirelPaths::capturesRoot(), thumbsRoot = MirelPaths::thumbsRoot();
-    const std::string markedID = image.id + "-marked";
-    FetchedBlob last;
+    // The last blob fetched, so that a file with the same hash (a small
+    // screenshot is its own thumbnail) is not fetched twice.
+    std::string lastSHA;
+    std::vector<std::uint8_t> last;
+    const auto fetch = [&](const std::string& sha, const std::string& nameID, const std::filesystem::path& root) {
+        if (lastSHA != sha) {
+            last = {};  // not held twice while the next one arrives
+            last = client.downloadBlob(workspaceID, sha, cancel);
+            lastSHA = sha;
+        }
+        // The extension comes from the bytes, never from a stored name.
+        const std::string relative = MirelPaths::relativeImagePath(nameID, image.createdAt, imageKind(last).ext);
+        const std::filesystem::path file = root / relative;
+        MirelPaths::ensureParentDirectory(file);
+        writeFileAtomically(file, std::string_view(reinterpret_cast<const char*>(last.data()), last.size()),
+                            std::nullopt, Durability::byCaller);
+        return relative;
+    };
     if (paths.imagePath.empty() && image.originalSHA256) {
-        paths.imagePath =
-            co_await fetchImageFile(workspaceID, *image.originalSHA256, image.id, image.createdAt, capturesRoot, last);
+        paths.imagePath = fetch(*image.originalSHA256, image.id, MirelPaths::capturesRoot());
     }
     // Equal hashes: the image has no separate marked-up file.
     if (!paths.annotatedPath && image.markedSHA256 && image.markedSHA256 != image.originalSHA256) {
-        paths.annotatedPath =
-            co_await fetchImageFile(workspaceID, *image.markedSHA256, markedID, image.createdAt, capturesRoot, last);
+        paths.annotatedPath = fetch(*image.markedSHA256, image.id + "-marked", MirelPaths::capturesRoot());
     }
     if (!paths.thumbPath && image.thumbSHA256) {
-        paths.thumbPath =
-            co_await fetchImageFile(workspaceID, *image.thumbSHA256, image.id, image.createdAt, thumbsRoot, last);
+        paths.thumbPath = fetch(*image.thumbSHA256, image.id, MirelPaths::thumbsRoot());
     }
-    co_return paths;
-}
-
-asio::awaitable<std::string> SyncEngine::fetchImageFile(const std::string& workspaceID, const std::string& sha,
-                                                        const std::string& nameID, Date createdAt,
-                                                        const std::filesystem::path& root, FetchedBlob& last) {
-    if (last.sha != sha) {
-        last = {};  // not held twice while the next one arrives
-        last.bytes = co_await call([this, &workspaceID, &sha](const Cancellation& cancel) {
-            return client_.downloadBlob(workspaceID, sha, cancel);
-        });
-        last.sha = sha;
-    }
-    const std::vector<std::uint8_t>& data = last.bytes;
-    // The extension comes from the bytes, never from a stored name.
-    const std::string relative = MirelPaths::relativeImagePath(nameID, createdAt, imageKind(data).ext);
-    const std::filesystem::path file = root / relative;
-    MirelPaths::ensureParentDirectory(file);
-    writeFileAtomically(file, std::string_view(reinterpret_cast<const char*>(data.data()), data.size()), std::nullopt,
-                        Durability::byCaller);
-    co_return relative;
+    return paths;
 }
 
 }  // namespace mirel

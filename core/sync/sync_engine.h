@@ -180,16 +180,19 @@ private:
         std::optional<std::string> annotatedPath;
         std::optional<std::string> thumbPath;
     };
-    // The last blob fetched for an image, so that a file with the same hash
-    // (a small screenshot is its own thumbnail) is not fetched twice.
-    struct FetchedBlob {
-        std::string sha;
-        std::vector<std::uint8_t> bytes;
+    // An image awaiting its files, and how fetching them ended: written
+    // (`files`), failed for a reason of its own (`failure`), a failure that
+    // ends the run, or not tried because one ended it first.
+    struct ImageDownload {
+        CaptureImage image;
+        std::string workspaceID;
+        std::optional<DownloadedImage> files;
+        std::string failure;
+        std::exception_ptr runEnding;
     };
-    asio::awaitable<DownloadedImage> downloadImage(const CaptureImage& image, const std::string& workspaceID);
-    asio::awaitable<std::string> fetchImageFile(const std::string& workspaceID, const std::string& sha,
-                                                const std::string& nameID, Date createdAt,
-                                                const std::filesystem::path& root, FetchedBlob& last);
+    // Fetches the files the image lacks and writes them, not yet durable.
+    static DownloadedImage fetchFilesOf(const SyncClient& client, const CaptureImage& image,
+                                        const std::string& workspaceID, const Cancellation& cancel);
     // Makes the images' files durable, then stores their paths, in order.
     void storeDownloadedImages(const std::vector<DownloadedImage>& images);
 
