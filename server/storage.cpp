@@ -1,13 +1,10 @@
 #include "server/storage.h"
 
 #include "server/crypto.h"
-#include "server/unique_fd.h"
 
-#include "core/platform/file_descriptor.h"
+#include "core/platform/file_io.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
@@ -108,15 +105,7 @@ std::string readOrMakeKey(const std::filesystem::path& path) {
         throw StorageError("the URL signing key " + path.string() + " is damaged; remove it to make a new one");
     }
     std::string key = randomBytes(32);
-    std::filesystem::path temporary = path;
-    temporary += ".tmp";
-    bool ok = false;
-    {
-        UniqueFD fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-        ok = fd.valid() && writeAll(fd.get(), key) && ::fsync(fd.get()) == 0;
-    }
-    if (!ok) throw std::filesystem::filesystem_error("can't write", temporary, std::error_code(errno, std::generic_category()));
-    std::filesystem::rename(temporary, path);
+    writeFileAtomically(path, key, 0600, Durability::beforeRename);
     return key;
 }
 
