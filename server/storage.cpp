@@ -4,7 +4,6 @@
 
 #include "core/platform/file_io.h"
 
-#include <sys/stat.h>
 
 #include <fstream>
 #include <sstream>
