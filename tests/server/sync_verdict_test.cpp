@@ -51,6 +51,9 @@ Json tombstone(const char* table, const char* id, int base) {
 
 std::vector<VerdictCase> verdictCases() {
     return {
+    {"an id made of every kind of character ids may have", {}, {'a', newCapture("azAZ09_.")}, "applied", 1, {}, false,
+     nullptr, nullptr, {"created"}},
+    {"an id that is no plain name", {}, {'a', newCapture("a/b")}, "rejected", std::nullopt, {}, false},
     {"a new capture is applied at version 1", {}, {'a', newCapture("c")}, "applied", 1, {}, false, nullptr,
      {{"note", "first"}, {"author_id", "ANN"}}, {"created"}},
     {"an edit on the current version is applied", {{'a', newCapture("c")}}, {'a', capture("c", 1, {{"note", "second"}})},
