@@ -37,6 +37,13 @@ TEST(RecordsTest, WordsTitlesAndInitials) {
         p.name = name;
         EXPECT_EQ(p.initials(), initials) << name;
     }
+    std::string roles;
+    for (const char* role : {"owner", "admin", "member", "guest", "Admin"}) {
+        Workspace w;
+        w.role = role;
+        roles += std::string(role) + (w.isAdmin() ? "+admin" : "") + (w.isGuest() ? "+guest" : "") + " ";
+    }
+    EXPECT_EQ(roles, "owner+admin admin+admin member guest+guest Admin ");
 }
 
 TEST(RecordsTest, RowAccessorsConvertOnlyWhatFits) {
