@@ -31,6 +31,7 @@ std::string outcome(const std::function<void()>& call) {
 }
 const std::string kDecode = "decode: Unexpected reply from the server.";
 const std::string kOffline = "offline: Can't reach Mirel — ";
+const std::string kDisabled = "uploadsDisabled: Screenshot uploads are switched off on this server.";
 
 // "METHOD target" and the headers but "Host" and "Content-Length", each as "; name: value".
 std::string requestLine(const ApiTestServer::Seen& request) {
@@ -39,11 +40,6 @@ std::string requestLine(const ApiTestServer::Seen& request) {
         if (name != "Host" && name != "Content-Length") text += "; " + name + ": " + value;
     }
     return text;
-}
-
-void waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-    for (const auto end = std::chrono::steady_clock::now() + limit; !done() && std::chrono::steady_clock::now() < end;)
-        std::this_thread::sleep_for(20ms);
 }
 
 // The address of a server that has gone: connections are refused.
@@ -80,12 +76,10 @@ TEST_F(Client, MapsEveryStatusAndErrorBody) {
         {401, R"({"message":"who?"})", false, "unauthorized: Your session has expired. Sign in again to keep syncing."},
         {401, "", true, "ok"},
         {500, "", false, "server: Server error 500: Internal Server Error"},
-        {403, R"({"error":{"code":"uploads_disabled","message":"x"}})", false,
-         "uploadsDisabled: Screenshot uploads are switched off on this server."},
+        {403, R"({"error":{"code":"uploads_disabled","message":"x"}})", false, kDisabled},
         {400, R"({"error":"bad_thing","message":"top message"})", false, "server: Server error 400: top message"},
         {409, R"({"error":{"code":"c","message":"inner"},"message":"top"})", false, "server: Server error 409: inner"},
         {404, R"({"error":{"message":5},"message":"top"})", false, "server: Server error 404: top"},
-        {422, "[1,2]", false, "server: Server error 422: Unprocessable Content"},
         {599, "<html>", false, "server: Server error 599: Server Error"},
     };
     for (const auto& [status, body, tolerate, expected] : cases) {
@@ -126,19 +120,12 @@ TEST_F(Client, BadRepliesEndInDecodeOrOffline) {
     };
     api().on("GET /endless", stream(std::string(1 << 20, '['), 0ms));  // past the cap on replies
     api().on("GET /drip", stream(" ", 30ms));                           // never silent, never done
-    api().on("GET /cut", [](const httplib::Request&, httplib::Response& response) {
-        response.set_content_provider(1000, "application/json", [](std::size_t, std::size_t, httplib::DataSink& sink) {
-            sink.write("{\"user\":", 8);
-            return false;
-        });
-    });
     const SyncClient hasty(api().url(), "tok", {1s, 300ms});
     auto call = [](const SyncClient& on, const std::string& path) {
         return outcome([&] { on.request("GET", path, std::nullopt, true, false); });
     };
     EXPECT_EQ(call(client, "/endless"), kDecode);
     EXPECT_TRUE(call(hasty, "/drip").starts_with(kOffline));
-    EXPECT_TRUE(call(client, "/cut").starts_with(kOffline));
     EXPECT_TRUE(outcome([] { SyncClient(closedURL()).me(); }).starts_with(kOffline));
     EXPECT_EQ(call(SyncClient("file:///etc"), "/passwd"), kOffline + "the server address is not an http or https URL");
 }
@@ -147,7 +134,7 @@ TEST_F(Client, CallsShareOneConnectionAndACancelledCallSpoilsNone) {
     api().on("GET /v1/me", ApiTestServer::json(200, R"({"user":{"id":"u1"}})"));
     std::atomic<bool> released{false};
     api().on("GET /v1/slow", [&](const httplib::Request&, httplib::Response& response) {
-        waitUntil([&] { return released.load(); }, 5s);
+        for (int i = 0; i < 500 && !released; ++i) std::this_thread::sleep_for(10ms);
         response.set_content("{}", "application/json");
     });
     client.me();
@@ -174,7 +161,7 @@ TEST_F(Client, RedirectsKeepTheTokenAtHomeAndStayOnHttp) {
     api().on("GET /v1/me", [](const httplib::Request&, httplib::Response& response) {
         response.set_redirect(storage().url() + "/v1/me");
     });
-    api().on("GET /v1/sync", [](const httplib::Request&, httplib::Response& r) { r.set_redirect("file:///etc/passwd"); });
+    api().on("GET /v1/sync", [](const auto&, httplib::Response& r) { r.set_redirect("file:///etc/passwd"); });
     EXPECT_EQ(client.me().user.id, "u1");
     EXPECT_EQ(seen(api()).at(0).header("Authorization"), "Bearer secret-token");
     EXPECT_EQ(seen(storage()).at(0).header("Authorization"), "(none)");
@@ -201,7 +188,7 @@ TEST_F(Client, BlobUploadFollowsTheServersAnswer) {
         {R"({"url":"not a url"})", kDecode},
         {R"({"url":"file:///tmp/upload"})", kDecode},
         {to + R"(/put","method":"PUT /x HTTP/1.1\r\n"})", kDecode},
-        {R"({"error":{"code":"uploads_disabled"}})", "uploadsDisabled: Screenshot uploads are switched off on this server."},
+        {R"({"error":{"code":"uploads_disabled"}})", kDisabled},
     };
     for (const auto& [reply, expected] : cases) {
         api().on("POST /v1/uploads", ApiTestServer::json(200, reply));
@@ -217,9 +204,9 @@ TEST_F(Client, BlobUploadFollowsTheServersAnswer) {
     const auto requests = seen(api());
     const std::string announcement =
         R"({"bytes":4,"content_type":"image\/png","sha256":")" + pngSHA + R"(","workspace_id":"w1"})";
-    EXPECT_EQ(requests.at(0).header("Authorization") + " " + requests.at(0).body, "Bearer secret-token " + announcement);
+    EXPECT_EQ(requests.at(0).header("Authorization") + " " + requests[0].body, "Bearer secret-token " + announcement);
     EXPECT_EQ(std::count_if(requests.begin(), requests.end(),
-                            [&](const auto& r) { return r.target == "/v1/uploads/complete" && r.body == announcement; }),
+                            [&](auto& r) { return r.target == "/v1/uploads/complete" && r.body == announcement; }),
               3);
 
     api().on("POST /v1/uploads", ApiTestServer::json(200, R"({"url":")" + closedURL() + R"(/put"})"));
@@ -265,13 +252,13 @@ TEST_F(Client, AccountCallsReadTolerantlyAndSendTheirBodies) {
         api().on("GET /v1/me", ApiTestServer::json(200, reply));
         return client.me();
     };
-    EXPECT_EQ(me(R"({"user":{"id":"u1"}})"), (AccountInfo{Person{"u1", "You", std::nullopt, std::nullopt, "person"}, {}, {}}));
+    EXPECT_EQ(me(R"({"user":{"id":"u1"}})"), (AccountInfo{Person{"u1", "You", {}, {}, "person"}, {}, {}}));
     EXPECT_EQ(me(R"({"user":{"id":"u2","name":"Ada","email":"ada@x","image":"https://x/a.png","kind":"bot"},)"
                  R"("workspaces":[{"id":"w1","name":"One","slug":"one","role":"owner","settings":{"b":1,"a":2}},)"
-                 R"({"id":"w2","name":"No slug"},{"id":"w3","name":"Three","slug":"three","role":5,"settings":"raw"}],)"
+                 R"({"id":"w2","name":"No slug"},{"id":"w3","name":"3","slug":"three","role":5,"settings":"raw"}],)"
                  R"("features":{"uploads":true,"beta":"yes","old":false}})"),
               (AccountInfo{Person{"u2", "Ada", "ada@x", "https://x/a.png", "bot"},
-                           {{"w1", "One", "one", "owner", R"({"a":2,"b":1})"}, {"w3", "Three", "three", "member", "raw"}},
+                           {{"w1", "One", "one", "owner", R"({"a":2,"b":1})"}, {"w3", "3", "three", "member", "raw"}},
                            {{"old", false}, {"uploads", true}}}));
     EXPECT_TRUE(me(R"({"user":{"id":"u"},"workspaces":[{"id":"w","name":"n","slug":"s"},3]})").workspaces.empty());
     EXPECT_EQ(outcome([&] { me(R"({"user":{"name":"x"}})"); }), kDecode);
@@ -287,42 +274,27 @@ TEST_F(Client, AccountCallsReadTolerantlyAndSendTheirBodies) {
     EXPECT_EQ(outcome([&] { client.sync(Json::object()); }), kDecode);
 }
 
-TEST(EventStream, RequestCarriesTheTokenOfTheMomentAndLinesArriveAsTheyCome) {
-    ApiTestServer server;
-    SyncClient client(server.url() + "/");
-    EXPECT_EQ(client.events("w/../1?#").url, server.url() + "/v1/events?workspace=w%2F%2E%2E%2F1%3F%23");
-    client.setToken("secret-token");
+TEST_F(Client, EventStreamCarriesTheTokenOfTheMomentAndLinesEndEveryWay) {
+    EXPECT_EQ(client.events("w/../1?#").url, api().url() + "/v1/events?workspace=w%2F%2E%2E%2F1%3F%23");
+    client.setToken("x");
     client.setClientLabel("cli");
     const HttpRequest request = client.events();
-    EXPECT_EQ(request.headers, (decltype(request.headers){
-                                   {"Accept", "text/event-stream"}, {"X-Mirel-Client", "cli"}, {"Authorization", "Bearer secret-token"}}));
-
-    // Pieces cut across line endings; after them the stream stays open and silent.
-    server.on("GET /v1/events", [&](const httplib::Request&, httplib::Response& response) {
-        response.set_chunked_content_provider("text/event-stream", [&](std::size_t offset, httplib::DataSink& sink) {
-            if (offset == 0) return sink.write("event: change\r", 14);
-            if (offset == 14) return sink.write("\ndata: {}\n\nevent: o", 19);
-            if (offset == 33) return sink.write("ther\r\r", 6);
-            waitUntil([&] { return server.stopping(); }, 20s);
-            return false;
+    using Headers = decltype(request.headers);
+    EXPECT_EQ(request.headers, (Headers{{"Accept", "text/event-stream"}, {"X-Mirel-Client", "cli"},
+                                        {"Authorization", "Bearer x"}}));
+    // Pieces cut across line endings, and a last line without one.
+    api().on("GET /v1/events", [](const httplib::Request&, httplib::Response& response) {
+        response.set_chunked_content_provider("text/event-stream", [n = 0](std::size_t, auto& sink) mutable {
+            static const std::string pieces[] = {"event: change\r", "\ndata: {}\n\nevent: o", "ther\r\rlast"};
+            if (n == 3) return sink.done(), true;
+            const std::string& piece = pieces[n++];
+            return sink.write(piece.data(), piece.size());
         });
     });
-    // Another thread's cancellation ends the silent wait at once.
     std::vector<std::string> lines;
-    std::atomic<std::size_t> count = 0;
-    const Cancellation cancel;
-    std::thread canceller([&] {
-        waitUntil([&] { return count == 5; }, 5s);
-        cancel.cancel();
-    });
-    const std::string ended = outcome([&] {
-        Http::streamLines(request, [&](std::string_view line) { lines.emplace_back(line), ++count; }, cancel);
-    });
-    canceller.join();
-    EXPECT_EQ(ended, "transfer: The request was cancelled.");
-    EXPECT_EQ(lines, (std::vector<std::string>{"event: change", "data: {}", "", "event: other", ""}));
-
-    server.on("GET /v1/events", ApiTestServer::json(401, R"({"message":"no"})"));
+    EXPECT_EQ(Http::streamLines(request, [&](std::string_view line) { lines.emplace_back(line); }, {}), 200);
+    EXPECT_EQ(lines, (std::vector<std::string>{"event: change", "data: {}", "", "event: other", "", "last"}));
+    api().on("GET /v1/events", ApiTestServer::json(401, R"({"message":"no"})"));
     EXPECT_EQ(Http::streamLines(request, [&](std::string_view) { ADD_FAILURE() << "read a refused stream"; }, {}), 401);
 }
 
@@ -347,7 +319,6 @@ TEST_F(Client, DevicePollMapsEveryAnswer) {
         {201, R"({"access_token":"abc"})", "server: Server error 201: device token"},
         {400, R"({"error":"authorization_pending"})", "pending"},
         {400, "<html>", "pending"},
-        {400, R"({"code":"slow_down"})", "slowDown"},
         {401, R"({"error":7,"code":"slow_down"})", "slowDown"},
         {400, R"({"error":"access_denied"})", "denied"},
         {403, R"({"error":"expired_token","code":"slow_down"})", "expired"},

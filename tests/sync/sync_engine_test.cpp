@@ -45,7 +45,7 @@ protected:
         env.set("XDG_CONFIG_HOME", (library.home() / "config").string());
         env.unset("DBUS_SESSION_BUS_ADDRESS");
         Keychain::write("token-1", "session");
-        server.on("GET /v1/me", ApiTestServer::json(200, R"({"user":{"id":"u1"},"workspaces":[{"id":"ws-1","name":"T","slug":"t"}]})"));
+        server.on("GET /v1/me", ApiTestServer::json(200, R"({"user":{"id":"u1"}})"));
         server.on("POST /v1/sync/reconcile", ApiTestServer::json(200, R"({"drop":[],"missing":[]})"));
     }
     ~SyncEngineTest() override { engine.reset(); }
@@ -61,7 +61,7 @@ protected:
     }
     // The changes of the first exchange; later ones bring nothing.
     void onFirstSync(Json changes) {
-        onSync([changes](const Json&, int exchange) { return exchange > 1 ? Json::object() : Json{{"changes", changes}}; });
+        onSync([changes](const Json&, int n) { return n > 1 ? Json::object() : Json{{"changes", changes}}; });
     }
     // A reply that takes every change of `body`.
     static Json applied(const Json& body) {
@@ -83,7 +83,7 @@ protected:
     int timesSent(const std::string& id) {
         int count = 0;
         for (const Json& body : sentBodies) {
-            for (const Json& change : body["changes"]) count += change.value("id", "") == id;
+            for (const Json& change : body["changes"]) count += change["id"] == id;
         }
         return count;
     }
@@ -91,9 +91,7 @@ protected:
         row.update({{"id", id}, {"capture_id", captureID}, {"version", 1}});
         return {{"table", "capture_images"}, {"row", row}};
     }
-    struct Blob {
-        std::string bytes, sha;
-    };
+    struct Blob { std::string bytes, sha; };
     static Blob blob(char fill, std::size_t size = 100) {
         const std::string bytes = "\x89PNG\r\n\x1a\n" + std::string(size, fill);
         return {bytes, ContentHash::sha256(std::string_view(bytes))};
@@ -106,9 +104,8 @@ protected:
     }
     // A reply that breaks off after `head`.
     static void breakOff(httplib::Response& response, std::string head) {
-        response.set_content_provider(head.size() + 100, "image/png", [head](std::size_t, std::size_t, httplib::DataSink& sink) {
-            sink.write(head.data(), head.size());
-            return false;
+        response.set_content_provider(head.size() + 1, "image/png", [head](std::size_t, std::size_t, auto& sink) {
+            return sink.write(head.data(), head.size()) && false;
         });
     }
     // The names of the screenshot files in the library.
@@ -129,7 +126,12 @@ protected:
     // How many lines of the sync log hold `part`.
     long logged(const std::string& part) {
         const auto lines = log();
-        return std::count_if(lines.begin(), lines.end(), [&](const auto& line) { return line.find(part) != std::string::npos; });
+        return std::count_if(lines.begin(), lines.end(), [&](auto& line) { return line.find(part) != line.npos; });
+    }
+    // How many requests for `target` the server saw.
+    long requests(const std::string& target) {
+        const auto seen = server.seen();
+        return std::count_if(seen.begin(), seen.end(), [&](const auto& request) { return request.target == target; });
     }
 
     ScopedEnv env;
@@ -156,7 +158,9 @@ TEST_F(SyncEngineTest, VerdictsSettleTheLedgerAndRetriedRejectionsStopAtSix) {
         {R"({"id":"someone-else","status":"applied"})", false, 6, "pendingPush", ""},
     };
     std::map<std::string, int> rowOf;
-    for (int i = 0; i < 7; ++i) rowOf[seedShared("Note", "pendingPush", std::get<1>(rows[i]) ? R"({"*":true})" : R"({"note":true})").id] = i;
+    for (int i = 0; i < 7; ++i) {
+        rowOf[seedShared("Note", "pendingPush", std::get<1>(rows[i]) ? R"({"*":true})" : R"({"note":true})").id] = i;
+    }
     onSync([&](const Json& body, int) {
         Json results = Json::array();
         for (const Json& change : body["changes"]) {
@@ -194,7 +198,7 @@ TEST_F(SyncEngineTest, EachKindOfFailureGivesItsStatusAndLosesNoEdit) {
         const Capture c = seedShared("Local words", "pendingPush", R"({"note":true})");
         std::atomic<bool> failing{true};
         server.on("POST /v1/sync", [&](const httplib::Request& request, httplib::Response& response) {
-            if (!failing.exchange(false)) return response.set_content(applied(*parseJSON(request.body)).dump(), "application/json");
+            if (!failing.exchange(false)) return response.set_content(applied(*parseJSON(request.body)).dump(), "");
             if (status == 0) return breakOff(response, body);
             response.status = status;
             response.set_content(body, "application/json");
@@ -270,7 +274,8 @@ TEST_F(SyncEngineTest, DownloadsSkipFailedImagesStopWhenTheServerIsGoneAndFinish
     Json changes = Json::array();
     for (const Blob* image : {&fine, &refused, &cut, &broken}) {
         const int n = static_cast<int>(changes.size());
-        Json row = {{"original_sha256", image->sha}, {"marked_sha256", image->sha}, {"position", n}, {"created_at", 1717400000 - n}};
+        Json row = {{"original_sha256", image->sha}, {"marked_sha256", image->sha}, {"position", n},
+                    {"created_at", 1717400000 - n}};
         if (n == 0) row["thumb_sha256"] = fine.sha;
         changes.push_back(remoteImage("img-" + std::to_string(n), c.id, row));
         serve(*image);
@@ -299,41 +304,43 @@ TEST_F(SyncEngineTest, DownloadsSkipFailedImagesStopWhenTheServerIsGoneAndFinish
     // One file each: the marked hash is the original's.
     EXPECT_EQ(files(), (std::set<std::string>{"img-0.png", "img-2.png", "img-3.png"}));
     EXPECT_EQ(readBytes(library.home() / "captures" / *text("capture_images", "img-2", "image_path")), cut.bytes);
-    const auto seen = server.seen();
-    EXPECT_EQ(std::count_if(seen.begin(), seen.end(), [&](const auto& r) { return r.target == "/store/" + fine.sha; }), 1);
+    EXPECT_EQ(requests("/store/" + fine.sha), 1);
 }
 
+// A failing server ends the run, switched-off uploads hold the images back, and
+// then they travel side by side; an image whose file is gone stays pending.
 TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust) {
-    const std::tuple<const char*, std::function<void(httplib::Response&)>, const char*, int> rows[] = {
-        // the answer to every upload if not the usual, the status, and how many image rows the first run sends
-        {"one image's file gone", nullptr, "idle", 5},
-        {"uploads switched off", [](auto& r) { r.set_content(R"({"error":{"code":"uploads_disabled"}})", "application/json"); },
-         "idle", 0},
-        {"server failing", [](auto& r) { r.status = 500; }, "failed", 0},
-    };
+    const Capture c = seedShared("With images");
+    std::vector<std::string> images;
+    for (int i = 0; i < 6; ++i) {
+        CaptureImage image = makeImage(c.id, i);
+        image.thumbPath = std::nullopt;
+        seedImageRow(db(), image);
+        setLedger("capture_images", image.id, "pendingPush", R"({"*":true})");
+        if (i > 0) {  // the first image's file is gone
+            const fs::path file = library.home() / "captures" / image.imagePath;
+            fs::create_directories(file.parent_path());
+            writeBytes(file, blob(static_cast<char>('a' + i)).bytes);
+        }
+        images.push_back(image.id);
+    }
     server.on("PUT /put", ApiTestServer::json(200, "{}"));
     server.on("POST /v1/uploads/complete", ApiTestServer::json(200, "{}"));
     onSync([](const Json& body, int) { return applied(body); });
-    for (const auto& [name, uploads, wantStatus, wantSent] : rows) {
-        SCOPED_TRACE(name);
-        const Capture c = seedShared("With images");
-        std::vector<std::string> images;
-        for (int i = 0; i < 6; ++i) {
-            CaptureImage image = makeImage(c.id, i);
-            image.thumbPath = std::nullopt;
-            seedImageRow(db(), image);
-            setLedger("capture_images", image.id, "pendingPush", R"({"*":true})");
-            if (i > 0) {  // the first image's file is gone
-                const fs::path file = library.home() / "captures" / image.imagePath;
-                fs::create_directories(file.parent_path());
-                writeBytes(file, blob(static_cast<char>('a' + i)).bytes);
-            }
-            images.push_back(image.id);
-        }
-        std::atomic<int> inFlight{0}, mostInFlight{0};
-        std::atomic<bool> failing{true};
+    std::atomic<int> inFlight{0}, mostInFlight{0};
+    const auto sent = [&] {
+        int count = 0;
+        for (const std::string& id : images) count += timesSent(id);
+        return count;
+    };
+    const std::tuple<int, const char*, const char*, int> runs[] = {
+        // the answer to uploads, the status after, and how many image rows went
+        {500, "{}", "failed", 0}, {200, R"({"error":{"code":"uploads_disabled"}})", "idle", 0}, {200, "", "idle", 5}};
+    make();
+    for (const auto& [status, reply, wantStatus, wantSent] : runs) {
+        SCOPED_TRACE(reply);
         server.on("POST /v1/uploads", [&](const httplib::Request&, httplib::Response& response) {
-            if (uploads && failing) return uploads(response);
+            if (*reply) return ApiTestServer::json(status, reply)({}, response);
             const int now = ++inFlight;
             for (int most = mostInFlight; now > most && !mostInFlight.compare_exchange_weak(most, now);) {
             }
@@ -341,38 +348,22 @@ TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust)
             --inFlight;
             response.set_content(Json{{"url", server.url() + "/put"}}.dump(), "application/json");
         });
-        sentBodies.clear();
-        make();
         syncOnce();
         EXPECT_EQ(statuses.back(), wantStatus);
-        int sent = 0;
-        for (const std::string& id : images) sent += timesSent(id);
-        EXPECT_EQ(sent, wantSent);
-        if (wantSent) { EXPECT_GT(mostInFlight, 1); }
-        // The image that could not be read stays pending, with one warning.
+        EXPECT_EQ(sent(), wantSent);
         EXPECT_EQ(syncStateOf("capture_images", images[0]), "pendingPush");
-        EXPECT_EQ(logged("warn Image " + id8(images[0]) + " skipped: "), 1);
-
-        // Once the server takes uploads again, the rest go out; nothing was lost.
-        failing = false;
-        syncOnce();
-        EXPECT_EQ(statuses.back(), "idle");
-        for (std::size_t i = 1; i < images.size(); ++i) {
-            EXPECT_EQ(syncStateOf("capture_images", images[i]), "synced") << i;
-            EXPECT_TRUE(text("capture_images", images[i], "original_sha256")) << i;
-        }
+    }
+    EXPECT_GT(mostInFlight, 1);
+    EXPECT_EQ(logged("warn Image " + id8(images[0]) + " skipped: "), 3);
+    for (std::size_t i = 1; i < images.size(); ++i) {
+        EXPECT_EQ(syncStateOf("capture_images", images[i]), "synced") << i;
+        EXPECT_TRUE(text("capture_images", images[i], "original_sha256")) << i;
     }
 }
 
 TEST_F(SyncEngineTest, TheDailyReconcileDropsWhatTheServerLostAndRefetchesWhatIsMissingHere) {
     DBusSession bus;
     const Capture kept = seedShared("Kept"), lost = seedShared("Lost");
-    std::atomic<int> reconciles{0};
-    std::string reply;
-    server.on("POST /v1/sync/reconcile", [&](const httplib::Request&, httplib::Response& response) {
-        ++reconciles;
-        response.set_content(reply, "application/json");
-    });
     onSync([](const Json& body, int) {
         Json reply = applied(body);
         reply["cursor"] = 7;
@@ -380,17 +371,16 @@ TEST_F(SyncEngineTest, TheDailyReconcileDropsWhatTheServerLostAndRefetchesWhatIs
     });
     make();
     ChangeSignalListener listener;
-    // Nothing to drop: nothing for other programs to re-read either.
-    reply = R"({"drop":[],"missing":[]})";
     syncOnce();
-    EXPECT_EQ(listener.settle(0), 0);
+    EXPECT_EQ(listener.settle(0), 0) << "nothing dropped: nothing for other programs to re-read";
     syncOnce();
-    EXPECT_EQ(reconciles, 1) << "once a day";
+    EXPECT_EQ(requests("/v1/sync/reconcile"), 1) << "once a day";
 
     store.setSyncMeta("last_reconcile", "2000-01-01T00:00:00Z");
-    reply = Json{{"drop", {lost.id}}, {"missing", {"elsewhere"}}}.dump();
+    const Json reply = {{"drop", {lost.id}}, {"missing", {"elsewhere"}}};
+    server.on("POST /v1/sync/reconcile", ApiTestServer::json(200, reply.dump()));
     syncOnce();
-    EXPECT_EQ(reconciles, 2);
+    EXPECT_EQ(requests("/v1/sync/reconcile"), 2);
     EXPECT_GE(listener.settle(1), 1);
     EXPECT_FALSE(rowExists("captures", lost.id));
     EXPECT_TRUE(rowExists("captures", kept.id));
