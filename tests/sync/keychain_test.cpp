@@ -1,20 +1,17 @@
 #include "core/sync/keychain.h"
 #include "core/sync/keychain_stores.h"
 #include "tests/support/dbus_session.h"
-#include "tests/support/scoped_env.h"
+#include "tests/support/temp_library.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <fstream>
 #include <thread>
 
-// Each blocking libsecret call leaves a few bytes behind inside libgio (from
-// its D-Bus dispatch, after every handle of ours is released). The leak checker
-// leaves GLib's own allocations alone in this test program; its fast unwinder
-// stops at g_malloc0, hence both names.
+// Blocking libsecret calls leave a few bytes inside libgio after every handle of
+// ours is gone; the leak checker's fast unwinder stops at g_malloc0.
 extern "C" const char* __lsan_default_suppressions() {
     return "leak:libgio-2.0.so\nleak:g_malloc0\n";
 }
@@ -23,29 +20,23 @@ namespace mirel {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 
 // A temporary home, config and data folder, and no session bus.
-class TempHome {
-public:
+struct TempHome {
     TempHome() {
-        std::string pattern = (fs::temp_directory_path() / "mirel-keychain-XXXXXX").string();
-        root_ = mkdtemp(pattern.data());
-        env_.set("HOME", root_);
-        env_.set("XDG_CONFIG_HOME", root_ / "config");
-        env_.set("XDG_DATA_HOME", root_ / "data");
-        env_.unset("XDG_RUNTIME_DIR");
-        env_.unset("DBUS_SESSION_BUS_ADDRESS");
+        env.set("HOME", root);
+        env.set("XDG_CONFIG_HOME", root / "config");
+        env.set("XDG_DATA_HOME", root / "data");
+        env.unset("XDG_RUNTIME_DIR");
+        env.unset("DBUS_SESSION_BUS_ADDRESS");
     }
-    ~TempHome() { fs::remove_all(root_); }
-    fs::path root() const { return root_; }
-    fs::path sessionFile() const { return root_ / "config" / "mirel" / "session"; }
-
-private:
-    fs::path root_;
-    test::ScopedEnv env_;
+    test::TempLibrary folder;
+    test::ScopedEnv env;
+    const fs::path root = folder.home(), sessionFile = root / "config" / "mirel" / "session";
 };
 
-// The round every store must pass: nothing at first, the last write wins, remove forgets.
+// The round every store must pass: nothing at first, the last write wins.
 void expectOneItemPerAccount() {
     EXPECT_EQ(Keychain::read("session"), std::nullopt);
     Keychain::remove("session");
@@ -57,14 +48,13 @@ void expectOneItemPerAccount() {
 TEST(Keychain, FileFormIsPrivateReplacedWholeAndForgiving) {
     TempHome home;
     expectOneItemPerAccount();
-    struct stat file {
-    }, folder{};
-    stat(home.sessionFile().c_str(), &file);
-    stat(home.sessionFile().parent_path().c_str(), &folder);
+    struct stat file {}, folder{};
+    stat(home.sessionFile.c_str(), &file);
+    stat(home.sessionFile.parent_path().c_str(), &folder);
     EXPECT_EQ((file.st_mode & 0777) * 01000 + (folder.st_mode & 0777), 0600700u);
-    EXPECT_EQ(std::distance(fs::directory_iterator(home.sessionFile().parent_path()), fs::directory_iterator()), 1);
+    EXPECT_EQ(std::distance(fs::directory_iterator(home.sessionFile.parent_path()), fs::directory_iterator()), 1);
 
-    std::ofstream(home.sessionFile(), std::ios::binary) << "\xff\xfe";
+    std::ofstream(home.sessionFile, std::ios::binary) << "\xff\xfe";
     EXPECT_EQ(Keychain::read("session"), std::nullopt);
     // Account names become file names in the folder: only plain ones are taken.
     Keychain::write("edge", "azAZ09-_.");
@@ -74,7 +64,7 @@ TEST(Keychain, FileFormIsPrivateReplacedWholeAndForgiving) {
         EXPECT_EQ(Keychain::read(refused), std::nullopt) << refused;
     }
     Keychain::remove("session");
-    EXPECT_FALSE(fs::exists(home.sessionFile()));
+    EXPECT_FALSE(fs::exists(home.sessionFile));
 }
 
 TEST(Keychain, SecretServiceKeepsOneItemPerAccountAndNoFile) {
@@ -89,16 +79,13 @@ TEST(Keychain, SecretServiceKeepsOneItemPerAccountAndNoFile) {
     struct Daemon : test::McpProcess {
         using McpProcess::McpProcess;
         ~Daemon() { terminate(); }
-    } keyring(home.root(), {}, {"/usr/bin/gnome-keyring-daemon", "--foreground", "--unlock", "--components=secrets"});
+    } keyring(home.root, {}, {"/usr/bin/gnome-keyring-daemon", "--foreground", "--unlock", "--components=secrets"});
     keyring.sendRaw("mirel-test");
     keyring.closeInput();
-    bool answers = false;
-    for (int tries = 0; tries < 100 && !(answers = SecretServiceStore::answers()); ++tries) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    if (!answers) GTEST_SKIP() << "gnome-keyring-daemon offered no Secret Service on the private bus";
+    for (int tries = 0; tries < 100 && !SecretServiceStore::answers(); ++tries) std::this_thread::sleep_for(50ms);
+    if (!SecretServiceStore::answers()) GTEST_SKIP() << "gnome-keyring-daemon offered no Secret Service";
     expectOneItemPerAccount();
-    EXPECT_FALSE(fs::exists(home.sessionFile()));
+    EXPECT_FALSE(fs::exists(home.sessionFile));
     Keychain::remove("session");
     EXPECT_EQ(Keychain::read("session"), std::nullopt);
 }
