@@ -264,6 +264,24 @@ TEST_F(SyncEngineTest, ServerGivenNamesThatAreNotPlainFileNamesAreRefused) {
     EXPECT_EQ(countRows("capture_images"), 0);
 }
 
+// A backlog drains thirty images a run.
+TEST_F(SyncEngineTest, ARunFetchesAtMostThirtyImages) {
+    const Capture c = seedShared("Shared");
+    const Blob shot = blob('a');
+    serve(shot);
+    Json changes = Json::array();
+    for (int n = 0; n < 31; ++n) {
+        changes.push_back(remoteImage("img-" + std::to_string(n), c.id,
+                                      {{"original_sha256", shot.sha}, {"position", n}, {"created_at", 1717400000 - n}}));
+    }
+    onFirstSync(changes);
+    make();
+    syncOnce();
+    EXPECT_EQ(files().size(), 30u);
+    syncOnce();
+    EXPECT_EQ(files().size(), 31u);
+}
+
 // Fetched newest first: a screenshot that is its own thumbnail comes once, an
 // image the server refuses is skipped, one cut off mid-file leaves no file, and
 // a broken API connection ends the run keeping what came before it. The next
