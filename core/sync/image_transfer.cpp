@@ -134,6 +134,8 @@ asio::awaitable<void> SyncEngine::downloadPendingImages() {
                 download.failure = error.what();
             } catch (const std::exception& error) {
                 download.failure = error.what();
+            } catch (...) {
+                download.failure = "unexpected failure";
             }
             return true;
         });
@@ -145,8 +147,8 @@ asio::awaitable<void> SyncEngine::downloadPendingImages() {
     std::exception_ptr runEnding;
     for (ImageDownload& download : batch) {
         if (download.files) downloaded.push_back(std::move(*download.files));
-        if (!download.failure.empty()) {
-            store_.log("warn", "Download for image " + id8(download.image.id) + " failed: " + download.failure);
+        if (download.failure) {
+            store_.log("warn", "Download for image " + id8(download.image.id) + " failed: " + *download.failure);
         }
         if (download.runEnding && !runEnding) runEnding = download.runEnding;
     }

@@ -187,7 +187,7 @@ private:
         CaptureImage image;
         std::string workspaceID;
         std::optional<DownloadedImage> files;
-        std::string failure;
+        std::optional<std::string> failure;
         std::exception_ptr runEnding;
     };
     // Fetches the files the image lacks and writes them, not yet durable.
