@@ -32,6 +32,9 @@ struct LocalServer {
         server.Get("/v1/me", reply(R"({"user":{"id":"u1","name":"Ada"},"workspaces":[]})"));
         server.Post("/v1/sync", reply(R"({"results":[],"changes":[],"cursor":42,"more":false})"));
         server.Post("/v1/sync/reconcile", reply(R"({"drop":[],"missing":[]})"));
+        // As mirel-server does: headers and body go out in two writes, and on
+        // a kept connection Nagle would hold the body for the delayed ACK.
+        server.set_tcp_nodelay(true);
         port = server.bind_to_any_port("127.0.0.1");
         thread = std::thread([this] { server.listen_after_bind(); });
     }

@@ -36,6 +36,9 @@ ApiTestServer::ApiTestServer() {
     server_.Put(".*", answer);
     // An idle kept-alive connection holds the server's stop back for this long.
     server_.set_keep_alive_timeout(1);
+    // Headers and body go out in two writes; on a kept connection Nagle would
+    // hold the body back for the client's delayed acknowledgement.
+    server_.set_tcp_nodelay(true);
     port_ = server_.bind_to_any_port("127.0.0.1");
     if (port_ <= 0) throw std::runtime_error("cannot bind a test server to 127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
