@@ -64,6 +64,7 @@ TEST_F(Adoption, PurgeAndDropWorkspaceKeepWhatIsLocal) {
     seedActivity(db(), ActivityEvent{"mine", kept.capture.id, "created", "", "you", kSeedDate, {}, false});
     seedActivity(db(), ActivityEvent{"theirs", kept.capture.id, "moved", "", "Grace", kSeedDate, {}, true});
     const Capture shared = seedShared(), gone = seedShared();
+    seedShared("Waiting", "pendingPush", R"({"note":true})");
     setColumn(db(), "captures", gone.id, "deleted_at", SQLValue(kSeedDate));
     const CaptureImage image = makeImage(shared.id);
     seedImageRow(db(), image);
@@ -77,6 +78,7 @@ TEST_F(Adoption, PurgeAndDropWorkspaceKeepWhatIsLocal) {
     seedGroupRow(db(), makeGroup("Ours", std::string(kWorkspace)));
     seedGroupRow(db(), makeGroup("Theirs", std::string("ws-2")));
     store.setSyncMeta("cursor", "12");
+    EXPECT_EQ(store.syncedCaptureIDs(), std::vector<std::string>{shared.id});
 
     store.dropWorkspace(kWorkspace);
     EXPECT_FALSE(rowExists("captures", shared.id) || rowExists("captures", gone.id));
@@ -91,11 +93,7 @@ TEST_F(Adoption, PurgeAndDropWorkspaceKeepWhatIsLocal) {
     EXPECT_EQ(store.syncMeta("cursor"), std::nullopt);
 }
 
-TEST_F(Adoption, SyncedCaptureIDsAndTheLog) {
-    const Capture synced = seedShared();
-    seedShared("Waiting", "pendingPush", R"({"note":true})");
-    EXPECT_EQ(store.syncedCaptureIDs(), std::vector<std::string>{synced.id});
-
+TEST_F(Adoption, TheLogKeepsItsLast501Lines) {
     for (int i = 1; i <= 600; ++i) store.log(i % 2 ? "info" : "warn", "line " + std::to_string(i));
     const auto lines = store.syncLog(1000);
     ASSERT_EQ(lines.size(), 501u);

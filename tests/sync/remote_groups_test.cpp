@@ -25,7 +25,7 @@ protected:
 
 }  // namespace
 
-TEST_F(RemoteGroups, WhoWinsPerFieldAndNewGroups) {
+TEST_F(RemoteGroups, WhoWinsPerFieldNewGroupsAndTombstones) {
     const std::tuple<const char*, std::optional<std::string>, const char*> cases[] = {
         {"synced", {}, "Remote|#000000|workspace|6|1717200000|synced|{}"},
         {"pendingPush", R"({"name":true})", "Local|#000000|workspace|6|1717200000|pendingPush|{name}"},
@@ -41,25 +41,20 @@ TEST_F(RemoteGroups, WhoWinsPerFieldAndNewGroups) {
     const std::string id = newID();
     store.applyRemoteGroup(object(remote(id, R"("name":"New","archived_at":1717200000)")));
     EXPECT_EQ(cells("groups", id, "color_hex, visibility, path, archived_at, sync_state"), "#6E7BF2|private|NULL|1717200000|synced");
+    // A tombstone takes the group; what it filed stays, ungrouped.
+    const Capture filed = fileUnder(*store.group(id));
+    store.applyRemoteGroup(object(remote(id, R"("name":"New","deleted_at":1717200000)")));
+    EXPECT_FALSE(rowExists("groups", id));
+    EXPECT_EQ(cells("captures", filed.id, "group_id"), "NULL");
 }
 
-TEST_F(RemoteGroups, TombstonesAndMembers) {
-    const CaptureGroup group = seedGroup("Filed");
-    const Capture filed = fileUnder(group);
-    store.applyRemoteGroup(object(remote(group.id, R"("deleted_at":1717200000)")));  // no name: not a group object
-    EXPECT_TRUE(rowExists("groups", group.id));
-    store.applyRemoteGroup(object(remote(group.id, R"("name":"x","deleted_at":1717200000)")));
-    EXPECT_FALSE(rowExists("groups", group.id));
-    EXPECT_EQ(text("captures", filed.id, "group_id"), std::nullopt);
-
+TEST_F(RemoteGroups, MembersAndDropKeepsTheUsersOwnCaptures) {
     store.applyRemoteGroupMember(object(R"({"group_id":"g","user_id":"u1"})"));
     store.applyRemoteGroupMember(object(R"({"group_id":"g","user_id":"u2","removed_at":1717200000})"));
     EXPECT_EQ(store.groupMemberIDs("g"), std::vector<std::string>{"u1"});
     store.applyRemoteGroupMember(object(R"({"group_id":"g","user_id":"u2"})"));
     EXPECT_EQ(store.groupMemberIDs("g").size(), 2u);
-}
 
-TEST_F(RemoteGroups, DropKeepsTheUsersOwnCaptures) {
     store.setSyncMeta("user_id", "me");
     const CaptureGroup group = seedGroup("Shared");
     const Capture mine = fileUnder(group, "me");

@@ -1,5 +1,6 @@
 #include "tests/sync/sync_fixture.h"
 
+#include <algorithm>
 #include <fstream>
 
 namespace mirel::test {
@@ -33,10 +34,7 @@ protected:
         return remote;
     }
     bool awaiting(const std::string& id) {
-        for (const auto& item : store.imagesAwaitingDownload(100)) {
-            if (item.image.id == id) return true;
-        }
-        return false;
+        return std::ranges::any_of(store.imagesAwaitingDownload(100), [&](const auto& item) { return item.image.id == id; });
     }
 };
 

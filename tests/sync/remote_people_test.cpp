@@ -26,12 +26,9 @@ protected:
 TEST_F(RemotePeople, CommentAttribution) {
     const std::pair<const char*, const char*> cases[] = {
         // the object's author fields; author and is_agent stored
-        {R"("author_id":"me")", "you|0"},
-        {R"("author_id":"me","actor_label":"Ada")", "you|0"},
-        {R"("author_id":"me","actor_label":"Claude · Ada")", "Claude · Ada|1"},
-        {R"("author_id":"p2")", "Grace|0"},
-        {R"("author_id":"p9")", "someone|0"},
-        {"", "someone|0"},
+        {R"("author_id":"me")", "you|0"}, {R"("author_id":"me","actor_label":"Ada")", "you|0"},
+        {R"("author_id":"me","actor_label":"Claude · Ada")", "Claude · Ada|1"}, {R"("author_id":"p2")", "Grace|0"},
+        {R"("author_id":"p9")", "someone|0"}, {"", "someone|0"},
         {R"("author_id":"p2","actor_label":"Merge","kind":"conflict")", "Merge|0"},  // never an agent's
     };
     int n = 0;

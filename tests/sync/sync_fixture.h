@@ -1,6 +1,7 @@
 #pragma once
 // A library on disk with verbs for the sync side's tests: shared rows seeded
 // in a chosen ledger state, remote objects written as JSON text.
+#include "core/platform/text.h"
 #include "core/store/capture_store.h"
 #include "tests/support/store_access.h"
 #include "tests/support/seed.h"
@@ -56,11 +57,7 @@ protected:
         std::snprintf(number, sizeof number, "%.15g", v.isInt() ? double(v.asInt()) : v.asDouble());
         return number;
     }
-    static std::string names(const std::set<std::string>& set) {
-        std::string out;
-        for (const std::string& name : set) out += (out.empty() ? "" : ",") + name;
-        return "{" + out + "}";
-    }
+    static std::string names(const std::set<std::string>& set) { return "{" + join(set, ",") + "}"; }
     std::optional<std::string> text(const std::string& table, const std::string& id, const std::string& column) {
         const auto rows = db().query("SELECT " + column + " AS v FROM " + table + " WHERE id = ?;", {SQLValue(id)});
         return rows.empty() ? std::nullopt : rows.front().string("v");
