@@ -23,8 +23,8 @@ protected:
 
 }  // namespace
 
-TEST_F(RemotePeople, CommentAttribution) {
-    const std::pair<const char*, const char*> cases[] = {
+TEST_F(RemotePeople, CommentsAndHistoryLinesAreAttributed) {
+    const std::pair<const char*, const char*> comments[] = {
         // the object's author fields; author and is_agent stored
         {R"("author_id":"me")", "you|0"}, {R"("author_id":"me","actor_label":"Ada")", "you|0"},
         {R"("author_id":"me","actor_label":"Claude · Ada")", "Claude · Ada|1"}, {R"("author_id":"p2")", "Grace|0"},
@@ -32,7 +32,7 @@ TEST_F(RemotePeople, CommentAttribution) {
         {R"("author_id":"p2","actor_label":"Merge","kind":"conflict")", "Merge|0"},  // never an agent's
     };
     int n = 0;
-    for (const auto& [fields, expected] : cases) {
+    for (const auto& [fields, expected] : comments) {
         const std::string id = std::to_string(++n) + "c";
         store.applyRemoteComment(on(id, fields));
         EXPECT_EQ(cells("comments", id, "author, is_agent"), expected) << fields;
@@ -46,12 +46,11 @@ TEST_F(RemotePeople, CommentAttribution) {
     EXPECT_EQ(cells("comments", mine.id, "body, sync_state, created_at"), "Final|synced|1714521600");
     store.applyRemoteComment(on(mine.id, R"("deleted_at":1717200000)"));
     EXPECT_FALSE(rowExists("comments", mine.id));
-}
 
-TEST_F(RemotePeople, ActivityEchoesAndActors) {
+    // History lines: a local line of the kind less than 90 s away is the same event.
     seedActivity(db(), ActivityEvent{"local", owner.id, "status_changed", "", "you", kSeedDate, "me", false});
-    const std::pair<const char*, const char*> cases[] = {
-        // 89 s from a local line of the kind: the same event, not stored
+    const std::pair<const char*, const char*> lines[] = {
+        // the object; actor and detail stored, "" for none
         {R"("kind":"status_changed","created_at":1714521689)", ""},
         {R"("kind":"status_changed","created_at":1714521690,"actor_id":"me","detail":{"from":"open","to":"in_progress"})",
          "you|open → in progress"},
@@ -59,8 +58,8 @@ TEST_F(RemotePeople, ActivityEchoesAndActors) {
         {R"("kind":"claimed","actor_id":"me","actor_label":"Claude · Ada")", "Claude · Ada|"},
         {R"("kind":"created","detail":{"mode":"window"})", "someone|Window"},
     };
-    int n = 0;
-    for (const auto& [fields, expected] : cases) {
+    n = 0;
+    for (const auto& [fields, expected] : lines) {
         const std::string id = std::to_string(++n) + "a";
         store.applyRemoteActivity(on(id, fields));
         EXPECT_EQ(cells("activity", id, "actor, detail"), expected) << fields;

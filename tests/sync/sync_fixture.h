@@ -45,11 +45,11 @@ protected:
         const auto rows = db().query("SELECT " + columns + " FROM " + table + " WHERE id = ?;", {SQLValue(id)});
         if (rows.empty()) return "";
         std::string out;
-        for (const std::string& column : rows.front().columnNames()) out += "|" + shown(column, *rows.front().value(column));
+        for (const std::string& column : rows.front().columnNames()) out += "|" + cellText(column, *rows.front().value(column));
         return out.substr(1);
     }
     // NULL, a number as %.15g, the text, or for `pending` its names as "{a,b}".
-    static std::string shown(const std::string& column, const SQLValue& v) {
+    static std::string cellText(const std::string& column, const SQLValue& v) {
         if (column == "pending") return names(CaptureStore::pendingFields(v.isText() ? std::optional(v.asText()) : std::nullopt));
         if (v.isNull()) return "NULL";
         if (v.isText()) return v.asText();
