@@ -25,8 +25,7 @@ protected:
         seedCaptureRow(db(), l.capture);
         setColumn(db(), "captures", l.capture.id, "pending", SQLValue(R"({"note":true})"));
         seedImageRow(db(), l.image);
-        seedComment(db(), l.draft);
-        seedComment(db(), l.synced);
+        for (const Comment* comment : {&l.draft, &l.synced}) seedComment(db(), *comment);
         return l;
     }
     // The states of everything a local capture brings along.
@@ -51,12 +50,6 @@ TEST_F(Adoption, AdoptThenGiveBack) {
     store.markLocalOnly(a.capture.id);
     EXPECT_EQ(states(a), "NULL|me|local|{} local|{} local local ws-1|{*}");
     EXPECT_EQ(store.localCaptures().size(), 1u);
-
-    // Without a user id an unknown author stays unknown.
-    store.setSyncMeta("user_id", std::nullopt);
-    const Local c = seedLocal();
-    store.adopt(c.capture.id, kWorkspace);
-    EXPECT_EQ(text("captures", c.capture.id, "author_id"), std::nullopt);
 }
 
 TEST_F(Adoption, PurgeAndDropWorkspaceKeepWhatIsLocal) {

@@ -66,8 +66,13 @@ TEST_F(RemoteCaptures, RandomSequencesFollowTheModelOfTheRule) {
         Model model;
         if (whole) model.pending = {"*"};
 
-        // One local edit, always to a value the field did not hold; gives the field.
-        const auto localEdit = [&](CaptureStore& by) {
+        // One local delete (one time in `deleteOdds`) or edit, always to a value
+        // the field did not hold; gives the name it marks.
+        const auto localEdit = [&](CaptureStore& by, int deleteOdds) {
+            if (pick(deleteOdds) == 0) {
+                by.softDelete(id);
+                return std::string("delete");
+            }
             const std::string field = fields[pick(4)];
             std::string& value = model.values[field];
             value = field == "status" ? nextStatus.at(value) : fresh("v");
@@ -88,13 +93,11 @@ TEST_F(RemoteCaptures, RandomSequencesFollowTheModelOfTheRule) {
             if (pick(3)) remote["status"] = std::next(nextStatus.begin(), pick(3))->first;
             if (pick(3)) remote["tags"] = {fresh("r")};
             store.applyRemoteCapture(remote);
-            if (tombstone) {
+            if (tombstone || !model.exists) {
                 model = Model{};
-                model.exists = false;
-                return;
+                model.exists = !tombstone;
             }
-            if (model.pending.count("delete")) return;
-            if (!model.exists) model = Model{};
+            if (tombstone || model.pending.count("delete")) return;
             for (const std::string& field : fields) {
                 const Json& v = Wire::field(remote, field);
                 if (model.pending.count(field)) continue;
@@ -114,9 +117,7 @@ TEST_F(RemoteCaptures, RandomSequencesFollowTheModelOfTheRule) {
             // moved on (every edit here is to a new value); a tombstone sends none.
             std::set<std::string> stillPending;
             for (int n = pick(3); n > 0; --n) {
-                std::string marked = "delete";
-                if (pick(4)) marked = localEdit(other);
-                else other.softDelete(id);
+                const std::string marked = localEdit(other, 4);
                 if (!collected.fields.count(marked) || change->contains("patch")) stillPending.insert(marked);
             }
             const std::int64_t version = pick(50);
@@ -126,17 +127,11 @@ TEST_F(RemoteCaptures, RandomSequencesFollowTheModelOfTheRule) {
         };
 
         for (int step = 0; step < 25; ++step) {
-            switch (pick(5)) {
+            switch (pick(4)) {
                 case 0:
-                    if (model.exists) model.pending.insert(localEdit(store));
+                    if (model.exists) model.pending.insert(localEdit(store, 12));
                     break;
-                case 1:
-                    if (model.exists && pick(6) == 0) {
-                        store.softDelete(id);
-                        model.pending.insert("delete");
-                    }
-                    break;
-                case 2: exchange(); break;
+                case 1: exchange(); break;
                 default: remoteObject(); break;
             }
             SCOPED_TRACE("sequence " + std::to_string(sequence) + " step " + std::to_string(step));

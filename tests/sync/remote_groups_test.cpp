@@ -76,9 +76,8 @@ TEST_F(RemoteGroups, RemapFoldsIntoTheCanonicalGroupWhetherOrNotItIsHere) {
     // The canonical row is here: captures move, soft-deleted ones too, and the local row goes.
     const CaptureGroup canonical = seedGroup("Canonical"), local = seedGroup("Dup", "pendingPush", R"({"*":true})");
     const Capture live = fileUnder(local);
-    Capture deleted = makeCapture("Deleted");
-    deleted.groupID = local.id, deleted.deletedAt = kSeedDate;
-    seedCaptureRow(db(), deleted);
+    const Capture deleted = fileUnder(local);
+    setColumn(db(), "captures", deleted.id, "deleted_at", SQLValue(kSeedDate));
     store.remapGroup(local.id, canonical.id);
     EXPECT_FALSE(rowExists("groups", local.id));
     EXPECT_EQ(cells("captures", live.id, "group_id") + cells("captures", deleted.id, "group_id"), canonical.id + canonical.id);
