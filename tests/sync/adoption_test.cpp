@@ -9,12 +9,7 @@ namespace {
 class Adoption : public SyncStoreTest {
 protected:
     // A local capture in a local group, with an image and a comment of each state.
-    struct Local {
-        Capture capture;
-        CaptureImage image;
-        Comment draft, synced;
-        CaptureGroup group;
-    };
+    struct Local { Capture capture; CaptureImage image; Comment draft, synced; CaptureGroup group; };
     Local seedLocal(const std::optional<std::string>& author = std::nullopt) {
         Local l{makeCapture("Local"), {}, {}, {}, makeGroup("G" + newID())};
         l.capture.groupID = l.group.id, l.capture.authorID = author;

@@ -101,7 +101,9 @@ TEST_F(RemoteCaptures, RandomSequencesFollowTheModelOfTheRule) {
             for (const std::string& field : fields) {
                 const Json& v = Wire::field(remote, field);
                 if (model.pending.count(field)) continue;
-                model.values[field] = v.is_array() ? v[0].get<std::string>() : v != "" && v.is_string() ? v.get<std::string>() : absent.at(field);
+                model.values[field] = v.is_array()                 ? v[0].get<std::string>()
+                                      : v != "" && v.is_string()   ? v.get<std::string>()
+                                                                   : absent.at(field);
             }
             model.version = remote["version"].get<std::int64_t>();
         };

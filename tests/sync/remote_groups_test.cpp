@@ -27,6 +27,7 @@ protected:
 
 TEST_F(RemoteGroups, WhoWinsPerFieldNewGroupsAndTombstones) {
     const std::tuple<const char*, std::optional<std::string>, const char*> cases[] = {
+        // sync_state, pending; the row after
         {"pendingPush", R"({"name":true})", "Local|#000000|workspace|6|1717200000|pendingPush|{name}"},
         {"pendingPush", {}, "Remote|#000000|workspace|6|1717200000|synced|{}"},
     };
