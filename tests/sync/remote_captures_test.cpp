@@ -55,8 +55,7 @@ TEST_F(RemoteCaptures, RandomSequencesFollowTheModelOfTheRule) {
     };
     std::mt19937 random(20240501);
     const auto pick = [&](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
-    int serial = 0;
-    const auto fresh = [&](const std::string& prefix) { return prefix + std::to_string(++serial); };
+    auto fresh = [serial = 0](const std::string& prefix) mutable { return prefix + std::to_string(++serial); };
 
     CaptureStore other(library.databasePath());
     for (int sequence = 0; sequence < 40; ++sequence) {

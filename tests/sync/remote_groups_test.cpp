@@ -76,8 +76,7 @@ TEST_F(RemoteGroups, MembersAndDropKeepsTheUsersOwnCaptures) {
 TEST_F(RemoteGroups, RemapFoldsIntoTheCanonicalGroupWhetherOrNotItIsHere) {
     // The canonical row is here: captures move, soft-deleted ones too, and the local row goes.
     const CaptureGroup canonical = seedGroup("Canonical"), local = seedGroup("Dup", "pendingPush", R"({"*":true})");
-    const Capture live = fileUnder(local);
-    const Capture deleted = fileUnder(local);
+    const Capture live = fileUnder(local), deleted = fileUnder(local);
     setColumn(db(), "captures", deleted.id, "deleted_at", SQLValue(kSeedDate));
     store.remapGroup(local.id, canonical.id);
     EXPECT_FALSE(rowExists("groups", local.id));
