@@ -1,12 +1,15 @@
 #pragma once
 // A library on disk with verbs for the sync side's tests: shared rows seeded
 // in a chosen ledger state, remote objects written as JSON text.
+#include "core/platform/text.h"
 #include "core/store/capture_store.h"
 #include "tests/support/store_access.h"
 #include "tests/support/seed.h"
 #include "tests/support/temp_library.h"
 
 #include <gtest/gtest.h>
+
+#include <cstdio>
 
 namespace mirel::test {
 
@@ -37,26 +40,29 @@ protected:
         setColumn(db(), table, id, "pending", SQLValue::string(pending));
     }
 
-    // What a write left in the database, read past the store's decoders: NULL or nothing without the row.
-    SQLValue readColumn(const std::string& table, const std::string& id, const std::string& column) {
-        const auto rows = db().query("SELECT " + column + " AS v FROM " + table + " WHERE id = ?;", {SQLValue(id)});
-        return rows.empty() ? SQLValue::null() : *rows.front().value("v");
+    // Columns of one row as they lie, joined by "|"; "" without the row.
+    std::string cells(const std::string& table, const std::string& id, const std::string& columns) {
+        const auto rows = db().query("SELECT " + columns + " FROM " + table + " WHERE id = ?;", {SQLValue(id)});
+        if (rows.empty()) return "";
+        std::string out;
+        for (const std::string& column : rows.front().columnNames()) out += "|" + cellText(column, *rows.front().value(column));
+        return out.substr(1);
     }
+    // NULL, a number as %.15g, the text, or for `pending` its names as "{a,b}".
+    static std::string cellText(const std::string& column, const SQLValue& v) {
+        if (column == "pending") return names(CaptureStore::pendingFields(v.isText() ? std::optional(v.asText()) : std::nullopt));
+        if (v.isNull()) return "NULL";
+        if (v.isText()) return v.asText();
+        char number[32];
+        std::snprintf(number, sizeof number, "%.15g", v.isInt() ? double(v.asInt()) : v.asDouble());
+        return number;
+    }
+    static std::string names(const std::set<std::string>& set) { return "{" + join(set, ",") + "}"; }
     std::optional<std::string> text(const std::string& table, const std::string& id, const std::string& column) {
-        const SQLValue v = readColumn(table, id, column);
-        return v.isText() ? std::optional(v.asText()) : std::nullopt;
+        const auto rows = db().query("SELECT " + column + " AS v FROM " + table + " WHERE id = ?;", {SQLValue(id)});
+        return rows.empty() ? std::nullopt : rows.front().string("v");
     }
-    std::int64_t integer(const std::string& table, const std::string& id, const std::string& column) {
-        const SQLValue v = readColumn(table, id, column);
-        return v.isInt() ? v.asInt() : -1;
-    }
-    std::set<std::string> pendingKeys(const std::string& table, const std::string& id) {
-        return CaptureStore::pendingFields(text(table, id, "pending"));
-    }
-    std::string syncStateOf(const std::string& table, const std::string& id) {
-        return text(table, id, "sync_state").value_or("");
-    }
-    bool rowExists(const std::string& table, const std::string& id) { return !readColumn(table, id, "id").isNull(); }
+    bool rowExists(const std::string& table, const std::string& id) { return !cells(table, id, "id").empty(); }
     std::int64_t countRows(const std::string& table) {
         return db().query("SELECT COUNT(*) AS n FROM " + table + ";").front().intValue("n").value_or(-1);
     }
