@@ -175,7 +175,7 @@ TEST_F(SyncEngineTest, VerdictsSettleTheLedgerAndRetriedRejectionsStopAtSix) {
         const auto& [verdict, isNew, wantSent, wantState, wantLog] = rows[i];
         SCOPED_TRACE(verdict);
         EXPECT_EQ(timesSent(id), wantSent);
-        EXPECT_EQ(syncStateOf("captures", id), wantState);
+        EXPECT_EQ(cells("captures", id, "sync_state"), wantState);
         std::string line = wantLog;
         if (const auto at = line.find('%'); at != std::string::npos) line.replace(at, 1, id8(id));
         if (!line.empty()) { EXPECT_EQ(logged(line), 1); }
@@ -212,7 +212,7 @@ TEST_F(SyncEngineTest, EachKindOfFailureGivesItsStatusAndLosesNoEdit) {
         EXPECT_EQ(added, *wantLog ? std::vector<std::string>{wantLog} : std::vector<std::string>{});
         if (std::string(wantStatus) != "idle") {  // nothing lost: the edit still waits
             EXPECT_EQ(text("captures", c.id, "note"), "Local words");
-            EXPECT_EQ(syncStateOf("captures", c.id), "pendingPush");
+            EXPECT_EQ(cells("captures", c.id, "sync_state"), "pendingPush");
         }
         if (std::string(wantStatus) == "sessionExpired") {
             EXPECT_FALSE(engine->isSignedIn());
@@ -222,7 +222,7 @@ TEST_F(SyncEngineTest, EachKindOfFailureGivesItsStatusAndLosesNoEdit) {
         }
         syncOnce();  // the next good run sends it
         EXPECT_EQ(statuses.back(), "idle");
-        EXPECT_EQ(syncStateOf("captures", c.id), "synced");
+        EXPECT_EQ(cells("captures", c.id, "sync_state"), "synced");
     }
 }
 
@@ -249,7 +249,7 @@ TEST_F(SyncEngineTest, AnEditMadeWhileItsChangeIsInFlightGoesOutNext) {
     ASSERT_EQ(sentBodies.size(), 2u);
     EXPECT_EQ(sentBodies[0]["changes"][0]["patch"]["note"], "First words");
     EXPECT_EQ(sentBodies[1]["changes"][0]["patch"]["note"], "Second words");
-    EXPECT_EQ(syncStateOf("captures", c.id), "synced");
+    EXPECT_EQ(cells("captures", c.id, "sync_state"), "synced");
 }
 
 TEST_F(SyncEngineTest, ServerGivenNamesThatAreNotPlainFileNamesAreRefused) {
@@ -369,12 +369,12 @@ TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust)
         syncOnce();
         EXPECT_EQ(statuses.back(), wantStatus);
         EXPECT_EQ(sent(), wantSent);
-        EXPECT_EQ(syncStateOf("capture_images", images[0]), "pendingPush");
+        EXPECT_EQ(cells("capture_images", images[0], "sync_state"), "pendingPush");
     }
     EXPECT_GT(mostInFlight, 1);
     EXPECT_EQ(logged("warn Image " + id8(images[0]) + " skipped: "), 3);
     for (std::size_t i = 1; i < images.size(); ++i) {
-        EXPECT_EQ(syncStateOf("capture_images", images[i]), "synced") << i;
+        EXPECT_EQ(cells("capture_images", images[i], "sync_state"), "synced") << i;
         EXPECT_TRUE(text("capture_images", images[i], "original_sha256")) << i;
     }
 }

@@ -44,9 +44,9 @@ protected:
     std::string cells(const std::string& table, const std::string& id, const std::string& columns) {
         const auto rows = db().query("SELECT " + columns + " FROM " + table + " WHERE id = ?;", {SQLValue(id)});
         if (rows.empty()) return "";
-        std::string out;
-        for (const std::string& column : rows.front().columnNames()) out += "|" + cellText(column, *rows.front().value(column));
-        return out.substr(1);
+        std::vector<std::string> out;
+        for (const std::string& column : rows.front().columnNames()) out.push_back(cellText(column, *rows.front().value(column)));
+        return join(out, "|");
     }
     // NULL, a number as %.15g, the text, or for `pending` its names as "{a,b}".
     static std::string cellText(const std::string& column, const SQLValue& v) {
