@@ -13,7 +13,6 @@
 #include "core/image/resample.h"
 #include "core/image/row_target.h"
 #include "tests/support/image_files.h"
-#include "tests/support/temp_library.h"
 
 namespace mirel {
 namespace {
@@ -120,11 +119,6 @@ double meanDifference(const Image& a, const Image& b) {
     return total / (3.0 * static_cast<double>(a.pixels.size()));
 }
 
-std::vector<std::uint8_t> fileBytes(const std::filesystem::path& path) {
-    const std::string text = test::readBytes(path);
-    return {text.begin(), text.end()};
-}
-
 // ---- the resampler's ways of being fed ----
 
 struct FeedCase {
@@ -222,19 +216,9 @@ TEST(ScaledDecode, AVX2KernelsGiveThePortableBytes) {
 
 // ---- whole files ----
 
-class ScaledFileTest : public ::testing::Test {
-protected:
-    std::vector<std::uint8_t> written(const Image& image, ImageFileFormat format) const {
-        const auto path = library_.home() / "probe";
-        test::writeImageFile(path, image, format);
-        return fileBytes(path);
-    }
+std::vector<std::uint8_t> written(const Image& image, ImageFileFormat format) { return test::encodeImageFile(image, format); }
 
-private:
-    test::TempLibrary library_;
-};
-
-TEST_F(ScaledFileTest, PNGDecodedSmallerMatchesTheReferenceOnTheFullDecode) {
+TEST(ScaledFile, PNGDecodedSmallerMatchesTheReferenceOnTheFullDecode) {
     for (const bool opaque : {true, false}) {
         const auto png = written(colouredImage(800, 500, opaque), ImageFileFormat::png);
         const auto full = ImageCodec::decode(png);
@@ -250,7 +234,7 @@ TEST_F(ScaledFileTest, PNGDecodedSmallerMatchesTheReferenceOnTheFullDecode) {
     }
 }
 
-TEST_F(ScaledFileTest, JPEGDecodedThroughDCTScalingStaysCloseToTheFullDecode) {
+TEST(ScaledFile, JPEGDecodedThroughDCTScalingStaysCloseToTheFullDecode) {
     // Photo-like: smooth colour everywhere, a little texture.
     Image photo = test::solidImage(1600, 1200, {0, 0, 0, 255});
     for (int y = 0; y < photo.height; ++y) {
@@ -286,7 +270,7 @@ std::vector<std::uint8_t> exifSegment(int orientation) {
     return exif;
 }
 
-TEST_F(ScaledFileTest, JPEGsStandUprightByTheirEXIFOrientation) {
+TEST(ScaledFile, JPEGsStandUprightByTheirEXIFOrientation) {
     // The quadrants as stored: red top-left, green top-right, blue bottom-left, white bottom-right.
     const RGBA red{255, 0, 0, 255}, green{0, 255, 0, 255}, blue{0, 0, 255, 255}, white{255, 255, 255, 255};
     struct Case {
@@ -357,7 +341,7 @@ std::vector<std::uint8_t> animatedWebP(const std::vector<std::uint8_t>& redStill
     return file;
 }
 
-TEST_F(ScaledFileTest, AnAnimatedWebPGivesItsFirstFrameOnItsCanvas) {
+TEST(ScaledFile, AnAnimatedWebPGivesItsFirstFrameOnItsCanvas) {
     const auto webp = animatedWebP(written(test::solidImage(40, 30, {255, 0, 0, 255}), ImageFileFormat::webp),
                                    written(test::solidImage(80, 60, {0, 0, 255, 255}), ImageFileFormat::webp));
     EXPECT_EQ(ImageCodec::dimensions(webp), (std::pair{80, 60}));
