@@ -7,6 +7,8 @@
 #include "tests/support/mcp_process.h"
 #include "tests/support/temp_library.h"
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include <set>
@@ -131,6 +133,7 @@ TEST_F(CliTest, AFailedAddLeavesTheLibraryAsItWas) {
     writeBytes(library.home() / "notes.txt", "not an image at all");
     writeBytes(library.home() / "cut.png", readBytes(good).substr(0, 60));
     writeBytes(library.home() / "bad.json", "{\"shapes\": [");
+    ASSERT_EQ(mkfifo((library.home() / "pipe.png").c_str(), 0600), 0);  // opening it must not wait for a writer
     add({good, "--note", "Already here", "--group", "Existing", "--tag", "old"});
     const auto in = [&](const char* name) { return (library.home() / name).string(); };
     const std::tuple<std::vector<std::string>, int, std::string, const char*> rows[] = {  // arguments, status, error, trigger
@@ -142,6 +145,9 @@ TEST_F(CliTest, AFailedAddLeavesTheLibraryAsItWas) {
         {{good, "--mode", "text"}, 2, "--mode takes region", nullptr}, {{good, "--scale", "-1"}, 2, "--scale takes a positive", nullptr},
         {{"--note", "a", "--note-file", in("notes.txt")}, 2, "not both", nullptr}, {{}, 2, "nothing to file", nullptr},
         {{good, "--annotate", in("bad.json")}, 1, "bad.json is not valid JSON", nullptr},
+        {{in("pipe.png")}, 1, "pipe.png is not a regular file", nullptr}, {{"/dev/zero"}, 1, "/dev/zero is not a regular file", nullptr},
+        {{"--note-file", "/dev/zero"}, 1, "note file: /dev/zero is not a regular", nullptr},
+        {{"--note-file", in("pipe.png")}, 1, "pipe.png is not a regular file", nullptr},
         {{good, webp, "--group", "Fresh", "--tag", "new"}, 1, "tags are frozen",
          "CREATE TRIGGER no_tags BEFORE INSERT ON capture_tags BEGIN SELECT RAISE(ABORT, 'tags are frozen'); END;"},
         {{good, webp}, 1, "one image only", "CREATE TRIGGER one_image BEFORE INSERT ON capture_images WHEN NEW.position > 0 "
