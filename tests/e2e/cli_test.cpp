@@ -4,8 +4,10 @@
 #include "core/platform/text.h"
 #include "core/store/capture_store.h"
 #include "tests/support/image_files.h"
-#include "tests/support/mcp_process.h"
+#include "tests/e2e/run_mirel.h"
 #include "tests/support/temp_library.h"
+
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -18,23 +20,11 @@ namespace fs = std::filesystem;
 
 class CliTest : public ::testing::Test {
 protected:
-    struct Run {
-        int status;
-        std::string out, err;
-    };
-    Run run(std::vector<std::string> arguments, const std::string& input = "") {
-        arguments.insert(arguments.begin(), MIREL_HOST_BINARY);
-        McpProcess mirel(library.home(), {}, arguments);
-        mirel.sendRaw(input);
-        mirel.closeInput();
-        std::string out = mirel.readToEnd();
-        const int status = mirel.waitForExit();
-        return {status, std::move(out), mirel.standardError()};
-    }
+    Ran run(const std::vector<std::string>& arguments, const std::string& input = "") { return runMirel(library.home(), arguments, input); }
     // Files a capture and gives its id.
     std::string add(std::vector<std::string> arguments, const std::string& input = "") {
         arguments.insert(arguments.begin(), "add");
-        const Run result = run(arguments, input);
+        const Ran result = run(arguments, input);
         EXPECT_EQ(result.status, 0) << result.err;
         return trimWhitespaceAndNewlines(result.out);
     }
@@ -70,7 +60,7 @@ TEST_F(CliTest, FilesImagesAndNoteAndShowsThemAsTheAgentWould) {
     }
     EXPECT_EQ(std::to_string(images[1].position) + " " + std::to_string(images[1].width) + "x" + std::to_string(images[1].height),
               "1 64x48");
-    const Run shown = run({"show", id.substr(0, 5)});
+    const Ran shown = run({"show", id.substr(0, 5)});
     for (const std::string& line : std::vector<std::string>{"Capture " + id + "\nStatus: OPEN   Priority: High", "Mode: Window   2 screenshots",
                                                            "App: Editor (com.example.editor)\nWindow: Settings\nURL: https://example.com/s\n"
                                                            "Display: DELL U2720Q\nGroup: Checkout flow\nTags: css, ui\n\n── Note ──\n"
@@ -81,7 +71,7 @@ TEST_F(CliTest, FilesImagesAndNoteAndShowsThemAsTheAgentWould) {
     EXPECT_EQ(run({"list", "--tag", "ui"}).out.substr(0, entry.size()), entry);
 
     const std::string typed = add({"--app", "Notes"}, "Rename “Workspace”\nEverywhere.\n\n");
-    const Run text = run({"show", typed, "ffffffff"});
+    const Ran text = run({"show", typed, "ffffffff"});
     EXPECT_EQ(text.status, 1);
     EXPECT_NE(text.out.find("── Note ──\nRename “Workspace”\nEverywhere.\n"), std::string::npos) << text.out;
     EXPECT_NE(text.out.find("filed by you without a screenshot"), std::string::npos) << text.out;
@@ -99,7 +89,7 @@ TEST_F(CliTest, ListFiltersByStatusGroupTagAndLimit) {
         {{"list", "--search", "nothing"}, "No captures match (status: Open / In Progress)."},
     };
     for (const auto& [arguments, titles] : rows) {
-        const Run result = run(arguments);
+        const Ran result = run(arguments);
         std::vector<std::string> found;
         for (std::size_t at = 0; (at = result.out.find("] ", at)) != std::string::npos; at += 2) {
             const std::size_t title = result.out.find(' ', at + 2) + 1;
@@ -131,6 +121,7 @@ TEST_F(CliTest, AFailedAddLeavesTheLibraryAsItWas) {
     writeBytes(library.home() / "notes.txt", "not an image at all");
     writeBytes(library.home() / "cut.png", readBytes(good).substr(0, 60));
     writeBytes(library.home() / "bad.json", "{\"shapes\": [");
+    ASSERT_EQ(mkfifo((library.home() / "pipe.png").c_str(), 0600), 0);  // opening it must not wait for a writer
     add({good, "--note", "Already here", "--group", "Existing", "--tag", "old"});
     const auto in = [&](const char* name) { return (library.home() / name).string(); };
     const std::tuple<std::vector<std::string>, int, std::string, const char*> rows[] = {  // arguments, status, error, trigger
@@ -142,6 +133,9 @@ TEST_F(CliTest, AFailedAddLeavesTheLibraryAsItWas) {
         {{good, "--mode", "text"}, 2, "--mode takes region", nullptr}, {{good, "--scale", "-1"}, 2, "--scale takes a positive", nullptr},
         {{"--note", "a", "--note-file", in("notes.txt")}, 2, "not both", nullptr}, {{}, 2, "nothing to file", nullptr},
         {{good, "--annotate", in("bad.json")}, 1, "bad.json is not valid JSON", nullptr},
+        {{in("pipe.png")}, 1, "pipe.png is not a regular file", nullptr}, {{"/dev/zero"}, 1, "/dev/zero is not a regular file", nullptr},
+        {{"--note-file", "/dev/zero"}, 1, "note file: /dev/zero is not a regular", nullptr},
+        {{"--note-file", in("pipe.png")}, 1, "pipe.png is not a regular file", nullptr},
         {{good, webp, "--group", "Fresh", "--tag", "new"}, 1, "tags are frozen",
          "CREATE TRIGGER no_tags BEFORE INSERT ON capture_tags BEGIN SELECT RAISE(ABORT, 'tags are frozen'); END;"},
         {{good, webp}, 1, "one image only", "CREATE TRIGGER one_image BEFORE INSERT ON capture_images WHEN NEW.position > 0 "
@@ -151,7 +145,7 @@ TEST_F(CliTest, AFailedAddLeavesTheLibraryAsItWas) {
         if (trigger) Database(library.databasePath()).executeRaw(trigger);
         const std::string before = state();
         arguments.insert(arguments.begin(), "add");
-        const Run result = run(arguments);
+        const Ran result = run(arguments);
         EXPECT_EQ(result.status, status) << message << "\n" << result.err;
         EXPECT_EQ(result.out, "") << message;
         EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
@@ -170,7 +164,7 @@ TEST_F(CliTest, ExitStatusesUsageAndTheDemoBoard) {
         {{"path"}, 0, "/mirel.sqlite\n", ""}, {{"demo"}, 0, "", ""}, {{"demo"}, 0, "", ""},
     };
     for (const auto& [arguments, status, out, err] : rows) {
-        const Run result = run(arguments);
+        const Ran result = run(arguments);
         EXPECT_EQ(result.status, status) << join(arguments, " ") << "\n" << result.err;
         EXPECT_NE(result.out.find(out), std::string::npos) << join(arguments, " ") << ": " << result.out;
         EXPECT_TRUE(*err ? result.err.find(err) != std::string::npos : result.err.empty()) << join(arguments, " ") << ": " << result.err;

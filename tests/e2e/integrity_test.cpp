@@ -4,7 +4,7 @@
 #include "core/store/capture_store.h"
 #include "core/store/mirel_paths.h"
 #include "tests/support/image_files.h"
-#include "tests/support/mcp_process.h"
+#include "tests/e2e/run_mirel.h"
 #include "tests/support/seed.h"
 #include "tests/support/store_access.h"
 #include "tests/support/temp_library.h"
@@ -24,22 +24,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-
-// The built `mirel` on the library at `home`, its standard input closed.
-std::unique_ptr<McpProcess> startMirel(const fs::path& home, std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), MIREL_HOST_BINARY);
-    auto mirel = std::make_unique<McpProcess>(home, std::map<std::string, std::string>{}, arguments);
-    mirel->closeInput();
-    return mirel;
-}
-
-// Runs `mirel` to its end: the exit status, and standard output in `output`.
-int runMirel(const fs::path& home, const std::vector<std::string>& arguments, std::string* output = nullptr) {
-    const auto mirel = startMirel(home, arguments);
-    const std::string out = mirel->readToEnd();
-    if (output) *output = out;
-    return mirel->waitForExit();
-}
 
 TEST(Integrity, TwoServersOnOneCaptureLoseNoAcknowledgedWrite) {
     TempLibrary library;
@@ -140,44 +124,6 @@ TEST(Integrity, OddScreenshotFilesAreAnsweredAsMissingAtOnce) {
     EXPECT_EQ(server.request("ping")["result"], Json::object());
 }
 
-TEST(Integrity, AFailedToolCallChangesNothing) {
-    TempLibrary library;
-    CaptureStore store(library.databasePath());
-    Capture shared = makeCapture("Shared", kSeedDate, false);
-    shared.workspaceID = "ws-1";
-    seedCaptureRow(CaptureStoreTestAccess::database(store), shared);
-    // The ledger cannot merge into malformed JSON: the write fails midway.
-    CaptureStoreTestAccess::database(store).execute("UPDATE captures SET pending = '{bad' WHERE id = ?",
-                                                    {SQLValue(shared.id)});
-    McpProcess server(library.home());
-    const Json reply = server.callTool("resolve_capture", {{"id", shared.id}, {"reference", "abc"}});
-    EXPECT_EQ(reply["isError"], true);
-    const Capture after = *store.capture(shared.id);
-    EXPECT_EQ(after.status, CaptureStatus::open);
-    EXPECT_FALSE(after.resolutionRef);
-    EXPECT_TRUE(store.activity(shared.id).empty());
-}
-
-TEST(Integrity, AddRefusesAnythingButARegularFileAtOnce) {
-    TempLibrary library;
-    const fs::path fifo = library.home() / "pipe.png";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const std::vector<std::vector<std::string>> cases = {
-        {"add", fifo.string()},
-        {"add", "/dev/zero"},
-        {"add", "--note-file", "/dev/zero"},
-        {"add", "--note-file", fifo.string()},
-    };
-    for (const auto& arguments : cases) {
-        SCOPED_TRACE(arguments.back());
-        const auto started = Clock::now();
-        EXPECT_EQ(runMirel(library.home(), arguments), 1);
-        EXPECT_LT(Clock::now() - started, std::chrono::seconds(1));
-    }
-    CaptureStore store(library.databasePath());
-    EXPECT_TRUE(store.captures({}).empty());
-}
-
 TEST(Integrity, KilledAddsLeaveNothingThatDoctorFixDoesNotClear) {
     TempLibrary library;
     std::vector<std::string> arguments = {"add", "--note", "Killed", "--group", "Group", "--tag", "t"};
@@ -188,7 +134,7 @@ TEST(Integrity, KilledAddsLeaveNothingThatDoctorFixDoesNotClear) {
     }
     // How long one whole filing takes: the kills fall anywhere within it.
     const auto started = Clock::now();
-    ASSERT_EQ(runMirel(library.home(), arguments), 0);
+    ASSERT_EQ(runMirel(library.home(), arguments).status, 0);
     const auto whole = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started);
 
     std::mt19937 random(20261123);
@@ -201,10 +147,9 @@ TEST(Integrity, KilledAddsLeaveNothingThatDoctorFixDoesNotClear) {
         add->waitForExit();
     }
 
-    std::string before, after;
-    ASSERT_EQ(runMirel(library.home(), {"doctor"}, &before), 0);
-    ASSERT_EQ(runMirel(library.home(), {"doctor", "--fix"}, &after), 0);
-    std::cout << "[ figures ] " << kills << " kills within " << whole.count() / 1000 << " ms; doctor found:\n" << before;
+    const Ran before = runMirel(library.home(), {"doctor"}), after = runMirel(library.home(), {"doctor", "--fix"});
+    ASSERT_EQ(before.status + after.status, 0);
+    std::cout << "[ figures ] " << kills << " kills within " << whole.count() / 1000 << " ms; doctor found:\n" << before.out;
 
     CaptureStore store(library.databasePath());
     const CaptureStore::NamedFiles named = store.namedFiles();
@@ -219,7 +164,7 @@ TEST(Integrity, KilledAddsLeaveNothingThatDoctorFixDoesNotClear) {
     for (const CaptureImage& image : store.liveImages()) EXPECT_TRUE(fs::exists(image.originalURL()));
     EXPECT_TRUE(!fs::exists(MirelPaths::temporaryRoot()) || fs::is_empty(MirelPaths::temporaryRoot()));
     EXPECT_TRUE(store.groupsWithoutCaptures().empty());
-    EXPECT_NE(after.find("Image files without a row"), std::string::npos);
+    EXPECT_NE(after.out.find("Image files without a row"), std::string::npos);
 }
 
 TEST(Integrity, AnAddSweepsTheTemporaryFilesOfDeadWritersOnly) {
@@ -230,7 +175,7 @@ TEST(Integrity, AnAddSweepsTheTemporaryFilesOfDeadWritersOnly) {
     for (const std::string name : {live, std::string("add-999999999-x"), std::string("add-12"), std::string("stray")}) {
         writeBytes(folder / name, "partial");
     }
-    ASSERT_EQ(runMirel(library.home(), {"add", "--note", "Sweeps"}), 0);
+    ASSERT_EQ(runMirel(library.home(), {"add", "--note", "Sweeps"}).status, 0);
     std::vector<std::string> left;
     for (const auto& entry : fs::directory_iterator(folder)) left.push_back(entry.path().filename().string());
     EXPECT_EQ(left, std::vector<std::string>{live});

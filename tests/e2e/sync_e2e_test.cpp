@@ -5,7 +5,7 @@
 // stream. Every program is the built binary, run as a child process.
 #include "tests/support/dbus_session.h"
 #include "tests/support/image_files.h"
-#include "tests/support/mcp_process.h"
+#include "tests/e2e/run_mirel.h"
 #include "tests/support/server_process.h"
 #include "tests/support/temp_library.h"
 
@@ -23,11 +23,6 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 constexpr const char* kEmail = "ada@example.com";
-
-struct Ran {
-    int status;
-    std::string out, err;
-};
 
 // Reads `child`'s output lines until one holds `text`: all it read, or "" if that never came.
 std::string readUntil(McpProcess& child, const std::string& text) {
@@ -54,20 +49,11 @@ protected:
     std::map<std::string, std::string> env(const std::string& device) {
         return {{"XDG_CONFIG_HOME", (scratch / (device + "-config")).string()}, {"MIREL_API_URL", url}};
     }
-    std::unique_ptr<McpProcess> start(const std::string& device, std::vector<std::string> arguments,
-                                      std::map<std::string, std::string> overrides = {}) {
-        arguments.insert(arguments.begin(), MIREL_HOST_BINARY);
-        auto variables = env(device);
-        for (const auto& [key, value] : overrides) variables[key] = value;
-        auto child = std::make_unique<McpProcess>(scratch / device, variables, arguments);
-        child->closeInput();
-        return child;
+    std::unique_ptr<McpProcess> start(const std::string& device, const std::vector<std::string>& arguments) {
+        return startMirel(scratch / device, arguments, env(device));
     }
     Ran mirel(const std::string& device, const std::vector<std::string>& arguments) {
-        auto child = start(device, arguments);
-        std::string out = child->readToEnd();
-        const int status = child->waitForExit();
-        return {status, std::move(out), child->standardError()};
+        return runMirel(scratch / device, arguments, "", env(device));
     }
     McpProcess& agent(const std::string& device) {
         auto& process = agents[device];
@@ -190,10 +176,9 @@ TEST_F(SyncEndToEnd, CommandsExplainWhatIsWrongWithTheirExitStatus) {
     EXPECT_EQ(notSignedIn.status, 1);
     EXPECT_EQ(notSignedIn.err, "mirel sync: not signed in; run 'mirel signin' first\n");
 
-    const Ran badURL = [&] {
-        auto child = start("laptop", {"status"}, {{"MIREL_API_URL", "ftp://example.com"}});
-        return Ran{child->waitForExit(), "", child->standardError()};
-    }();
+    auto variables = env("laptop");
+    variables["MIREL_API_URL"] = "ftp://example.com";
+    const Ran badURL = runMirel(scratch / "laptop", {"status"}, "", variables);
     EXPECT_EQ(badURL.status, 2);
     EXPECT_EQ(badURL.err, "mirel status: MIREL_API_URL must be an http:// or https:// URL, not \"ftp://example.com\"\n");
 

@@ -2,7 +2,6 @@
 // oversized gives nothing, and a large claim over little data costs little.
 #include "core/image/image.h"
 #include "tests/support/image_files.h"
-#include "tests/support/temp_library.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -15,18 +14,9 @@ namespace {
 using test::ImageFileFormat;
 using test::RGBA;
 
-class DecodeTest : public ::testing::Test {
-protected:
-    std::vector<std::uint8_t> encoded(ImageFileFormat format, const Image& image) const {
-        test::writeImageFile(path, image, format);
-        const std::string text = test::readBytes(path);
-        return {text.begin(), text.end()};
-    }
-    test::TempLibrary library;
-    const std::filesystem::path path = library.home() / "screenshot.png.txt";  // the name lies: only the bytes decide
-};
+std::vector<std::uint8_t> encoded(ImageFileFormat format, const Image& image) { return test::encodeImageFile(image, format); }
 
-TEST_F(DecodeTest, EachFormatGivesSizeColoursAndAlpha) {
+TEST(Decode, EachFormatGivesSizeColoursAndAlpha) {
     const std::tuple<ImageFileFormat, ImageCodec::Format, int> formats[] = {
         {ImageFileFormat::png, ImageCodec::Format::png, 0}, {ImageFileFormat::jpeg, ImageCodec::Format::jpeg, 12},
         {ImageFileFormat::webp, ImageCodec::Format::webp, 16}};  // lossy formats blur colours a little
@@ -50,7 +40,7 @@ TEST_F(DecodeTest, EachFormatGivesSizeColoursAndAlpha) {
     }
 }
 
-TEST_F(DecodeTest, UnreadableInputsGiveNothing) {
+TEST(Decode, UnreadableInputsGiveNothing) {
     const auto png = encoded(ImageFileFormat::png, test::quadrantImage(64, 48)),
                jpeg = encoded(ImageFileFormat::jpeg, test::quadrantImage(64, 48)),
                webp = encoded(ImageFileFormat::webp, test::quadrantImage(64, 48));
@@ -77,7 +67,7 @@ void putBigEndian(std::vector<std::uint8_t>& bytes, std::size_t at, std::uint32_
 // are refused before their pixels are allocated; within them (10000×10000)
 // they cost little, and a baseline JPEG shows grey where its data ran out, as
 // viewers do.
-TEST_F(DecodeTest, LargeClaimsOverLittleDataCostLittle) {
+TEST(Decode, LargeClaimsOverLittleDataCostLittle) {
     const auto claim = [&](ImageFileFormat format, std::uint32_t width, std::uint32_t height, bool progressive = false) {
         auto bytes = encoded(format, test::quadrantImage(16, 16));
         if (format == ImageFileFormat::png) putBigEndian(bytes, 16, width, 4), putBigEndian(bytes, 20, height, 4);  // IHDR

@@ -316,11 +316,14 @@ TEST_F(ToolsTest, BoardSummariesCutLongLists) {
               "Oldest still open: [ffff0006] “Untitled capture” — 10d ago\nHigh priority open: 1");
 }
 
-TEST_F(ToolsTest, AStoreFailureIsAFailedResultNotAnException) {
-    Database(library.databasePath()).executeRaw("DROP TABLE comments;");
-    const ToolResult result = call("comment_on_capture", R"({"id":"aaaa0001","body":"hi"})");
+TEST_F(ToolsTest, AStoreFailureIsAFailedResultThatChangesNothing) {
+    // The ledger cannot merge into malformed JSON: the write fails midway.
+    Database(library.databasePath()).execute("UPDATE captures SET workspace_id = 'ws', pending = '{bad' WHERE id = ?;", {idOf("bbbb0002")});
+    const ToolResult result = call("resolve_capture", R"({"id":"bbbb0002","reference":"abc"})");
     EXPECT_TRUE(result.isError);
-    EXPECT_EQ(text(result).rfind("Mirel failed to run comment_on_capture: ", 0), 0u) << text(result);
+    EXPECT_EQ(text(result).rfind("Mirel failed to run resolve_capture: ", 0), 0u) << text(result);
+    const Capture after = *store.capture(idOf("bbbb0002"));
+    EXPECT_EQ(std::tuple(after.status, after.resolutionRef, store.activity(after.id).size()), std::tuple(CaptureStatus::open, std::nullopt, 1u));
 }
 
 }  // namespace

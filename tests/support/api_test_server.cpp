@@ -47,7 +47,6 @@ ApiTestServer::ApiTestServer() {
 }
 
 ApiTestServer::~ApiTestServer() {
-    stopping_ = true;
     server_.stop();
     thread_.join();
 }

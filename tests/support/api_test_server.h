@@ -8,7 +8,6 @@
 //     EXPECT_EQ(server.seen().at(0).header("Authorization"), "Bearer token");
 #include <httplib.h>
 
-#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -41,8 +40,6 @@ public:
     // Answers `route` ("POST /v1/sync", the path decoded) from now on; others get 404.
     void on(const std::string& route, Handler handler);
     std::vector<Seen> seen() const;
-    // True once the test is ending: handlers that hold a reply back should let go.
-    bool stopping() const { return stopping_; }
 
     static Handler json(int status, std::string body);
 
@@ -50,7 +47,6 @@ private:
     httplib::Server server_;
     int port_ = 0;
     std::thread thread_;
-    std::atomic<bool> stopping_{false};
     mutable std::mutex mutex_;
     std::map<std::string, Handler> routes_;  // guarded by mutex_
     std::vector<Seen> seen_;                 // guarded by mutex_

@@ -30,7 +30,7 @@ struct JpegErrors {
 [[noreturn]] void jpegFail(j_common_ptr info) { std::longjmp(reinterpret_cast<JpegErrors*>(info->err)->jump, 1); }
 
 // Nothing with a destructor lives in this frame: libjpeg errors jump back here.
-bool compressJPEG(std::FILE* file, const Image* image, int quality) {
+bool compressJPEG(unsigned char** out, unsigned long* size, const Image* image, int quality) {
     jpeg_compress_struct info{};
     JpegErrors errors{};
     info.err = jpeg_std_error(&errors.base);
@@ -40,7 +40,7 @@ bool compressJPEG(std::FILE* file, const Image* image, int quality) {
         return false;
     }
     jpeg_create_compress(&info);
-    jpeg_stdio_dest(&info, file);
+    jpeg_mem_dest(&info, out, size);
     info.image_width = static_cast<JDIMENSION>(image->width);
     info.image_height = static_cast<JDIMENSION>(image->height);
     info.input_components = 4;
@@ -58,7 +58,7 @@ bool compressJPEG(std::FILE* file, const Image* image, int quality) {
     return true;
 }
 
-std::string encodeWebP(const Image& image) {
+std::vector<std::uint8_t> encodeWebP(const Image& image) {
     std::vector<std::uint8_t> rgba;  // WebP takes straight alpha
     for (int y = 0; y < image.height; ++y)
         for (int x = 0; x < image.width; ++x) {
@@ -69,7 +69,7 @@ std::string encodeWebP(const Image& image) {
     const std::size_t size = WebPEncodeRGBA(rgba.data(), image.width, image.height, image.width * 4, 90, &output);
     std::unique_ptr<std::uint8_t, void (*)(void*)> owner(output, WebPFree);
     if (size == 0) throw std::runtime_error("WebP encoding failed");
-    return std::string(reinterpret_cast<const char*>(output), size);
+    return {output, output + size};
 }
 
 }  // namespace
@@ -90,21 +90,29 @@ Image solidImage(int width, int height, RGBA color) {
                  color.a == 255};
 }
 
-void writeImageFile(const std::filesystem::path& path, const Image& image, ImageFileFormat format) {
+std::vector<std::uint8_t> encodeImageFile(const Image& image, ImageFileFormat format) {
     switch (format) {
         case ImageFileFormat::png: {
-            const auto png = ImageCodec::encodePNG(image);
+            auto png = ImageCodec::encodePNG(image);
             if (!png) throw std::runtime_error("PNG encoding failed");
-            writeBytes(path, std::string_view(reinterpret_cast<const char*>(png->data()), png->size()));
-            return;
+            return std::move(*png);
         }
         case ImageFileFormat::jpeg: {
-            std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "wb"), std::fclose);
-            if (!file || !compressJPEG(file.get(), &image, 92)) throw std::runtime_error("JPEG encoding failed");
-            return;
+            unsigned char* out = nullptr;
+            unsigned long size = 0;
+            const bool done = compressJPEG(&out, &size, &image, 92);
+            std::unique_ptr<unsigned char, void (*)(void*)> owner(out, std::free);
+            if (!done) throw std::runtime_error("JPEG encoding failed");
+            return {out, out + size};
         }
-        case ImageFileFormat::webp: writeBytes(path, encodeWebP(image)); return;
+        case ImageFileFormat::webp: return encodeWebP(image);
     }
+    return {};
+}
+
+void writeImageFile(const std::filesystem::path& path, const Image& image, ImageFileFormat format) {
+    const auto bytes = encodeImageFile(image, format);
+    writeBytes(path, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
 }
 
 void writeImageFile(const std::filesystem::path& path, int width, int height, ImageFileFormat format) {

@@ -23,9 +23,11 @@ Image quadrantImage(int width, int height);
 // One colour all over, alpha included (stored premultiplied, as Image is).
 Image solidImage(int width, int height, RGBA color);
 
-// Writes the image in the format: PNG as ImageCodec encodes it, JPEG at
-// quality 92, WebP lossy at quality 90 (with alpha if the image has it).
-// Throws std::runtime_error on failure.
+// The image as the bytes of a file in the format: PNG as ImageCodec encodes it,
+// JPEG at quality 92, WebP lossy at quality 90 (with alpha if the image has
+// it). Throws std::runtime_error on failure.
+std::vector<std::uint8_t> encodeImageFile(const Image& image, ImageFileFormat format);
+// Writes encodeImageFile's bytes.
 void writeImageFile(const std::filesystem::path& path, const Image& image, ImageFileFormat format);
 // The quadrant picture of that size.
 void writeImageFile(const std::filesystem::path& path, int width, int height, ImageFileFormat format);

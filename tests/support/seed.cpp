@@ -14,44 +14,24 @@ SQLValue word(std::string_view raw) { return SQLValue(std::string(raw)); }
 
 Capture makeCapture(const std::string& note, Date createdAt, bool withImage) {
     Capture c;
-    c.id = newID();
-    c.createdAt = createdAt;
-    c.updatedAt = createdAt;
-    c.note = note;
-    if (withImage) {
-        c.imagePath = "2024/05/" + c.id + ".png";
-        c.thumbPath = "2024/05/" + c.id + ".png";
-        c.imageWidth = 800;
-        c.imageHeight = 600;
-        c.imageBytes = 12345;
-    } else {
-        c.captureMode = CaptureMode::text;
-    }
+    c.id = newID(), c.createdAt = c.updatedAt = createdAt, c.note = note;
+    if (withImage) c.imagePath = *(c.thumbPath = "2024/05/" + c.id + ".png"), c.imageWidth = 800, c.imageHeight = 600, c.imageBytes = 12345;
+    else c.captureMode = CaptureMode::text;
     return c;
 }
 
 CaptureImage makeImage(const std::string& captureID, std::int64_t position, Date createdAt) {
     CaptureImage image;
-    image.id = newID();
-    image.captureID = captureID;
-    image.position = position;
-    image.imagePath = "2024/05/" + image.id + ".png";
-    image.thumbPath = "2024/05/" + image.id + ".png";
-    image.width = 800;
-    image.height = 600;
-    image.bytes = 12345;
-    image.createdAt = createdAt;
+    image.id = newID(), image.captureID = captureID, image.position = position, image.createdAt = createdAt;
+    image.imagePath = *(image.thumbPath = "2024/05/" + image.id + ".png");
+    image.width = 800, image.height = 600, image.bytes = 12345;
     return image;
 }
 
 CaptureGroup makeGroup(const std::string& name, const std::optional<std::string>& workspaceID,
                        Date createdAt) {
     CaptureGroup group;
-    group.id = newID();
-    group.name = name;
-    group.createdAt = createdAt;
-    group.updatedAt = createdAt;
-    group.workspaceID = workspaceID;
+    group.id = newID(), group.name = name, group.createdAt = group.updatedAt = createdAt, group.workspaceID = workspaceID;
     return group;
 }
 
@@ -124,14 +104,8 @@ void seedActivity(Database& db, const ActivityEvent& e) {
 
 std::string seedTag(Database& db, const std::string& captureID, const std::string& name) {
     const auto existing = db.query("SELECT id FROM tags WHERE name = ?;", {name});
-    std::string tagID;
-    if (!existing.empty() && existing.front().string("id")) {
-        tagID = *existing.front().string("id");
-    } else {
-        tagID = newID();
-        db.execute("INSERT INTO tags (id, name, created_at) VALUES (?, ?, ?);",
-                   {tagID, name, kSeedDate});
-    }
+    const std::string tagID = existing.empty() ? newID() : existing.front().string("id").value_or("");
+    if (existing.empty()) db.execute("INSERT INTO tags (id, name, created_at) VALUES (?, ?, ?);", {tagID, name, kSeedDate});
     db.execute("INSERT OR IGNORE INTO capture_tags (capture_id, tag_id) VALUES (?, ?);",
                {captureID, tagID});
     return tagID;
