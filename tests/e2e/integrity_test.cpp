@@ -172,7 +172,7 @@ TEST(Integrity, AnAddSweepsTheTemporaryFilesOfDeadWritersOnly) {
     const fs::path folder = MirelPaths::temporaryRoot();
     fs::create_directories(folder);
     const std::string live = "add-" + std::to_string(::getpid()) + "-x";  // this test is its writer
-    for (const std::string name : {live, std::string("add-999999999-x"), std::string("add-12"), std::string("stray")}) {
+    for (const std::string& name : {live, std::string("add-999999999-x"), std::string("add-12"), std::string("stray")}) {
         writeBytes(folder / name, "partial");
     }
     ASSERT_EQ(runMirel(library.home(), {"add", "--note", "Sweeps"}).status, 0);
