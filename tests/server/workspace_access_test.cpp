@@ -38,6 +38,9 @@ TEST_F(WorkspaceAccessTest, AUserReachesOnlyTheirOwnWorkspaces) {
     EXPECT_EQ(edit["results"][0]["retry"], false);
     EXPECT_EQ(server.call("GET", "/v1/me", std::nullopt, "not-a-token").status, 401);
     EXPECT_EQ(server.call("POST", "/v1/sync", Json::object()).status, 401);
+    // A good token under another scheme is no bearer token.
+    httplib::Client client("127.0.0.1", server.port());
+    EXPECT_EQ(client.Get("/v1/me", {{"Authorization", "Token: " + ann}})->status, 401);
 }
 
 TEST_F(WorkspaceAccessTest, JoiningAskForAFreshStartAndLeavingDropsTheWorkspace) {
