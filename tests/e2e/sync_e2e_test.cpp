@@ -175,6 +175,10 @@ TEST_F(SyncEndToEnd, CommandsExplainWhatIsWrongWithTheirExitStatus) {
     const Ran notSignedIn = mirel("laptop", {"sync"});
     EXPECT_EQ(notSignedIn.status, 1);
     EXPECT_EQ(notSignedIn.err, "mirel sync: not signed in; run 'mirel signin' first\n");
+    const Ran status = mirel("laptop", {"status"});  // quietly, whatever systemctl has to say
+    EXPECT_EQ(status.status, 0);
+    EXPECT_EQ(status.err, "");
+    EXPECT_TRUE(status.out.starts_with("Not signed in (server " + url + ")\nDefault workspace: none\n")) << status.out;
 
     auto variables = env("laptop");
     variables["MIREL_API_URL"] = "ftp://example.com";
