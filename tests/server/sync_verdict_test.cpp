@@ -73,7 +73,7 @@ std::vector<VerdictCase> verdictCases() {
      {{'a', newCapture("c")}, {'a', capture("c", 1, {{"note", "same"}})}},
      {'b', capture("c", 1, {{"note", "same"}})}, "merged", 2},
     {"resolving writes one resolved line", {{'a', newCapture("c")}},
-     {'a', capture("c", 1, {{"status", "resolved"}, {"resolution_ref", "abc123"}, {"resolved_at", "2024-05-02T10:00:00Z"}})},
+     {'a', capture("c", 1, {{"status", "resolved"}, {"resolution_ref", "abc123"}, {"resolved_at", "2024-05-02T12:00:00+02:00"}})},
      "applied", 2, {}, false, nullptr, {{"status", "resolved"}, {"resolved_at", "2024-05-02T10:00:00.000Z"}}, {"resolved"}},
     {"claiming writes one claimed line", {{'a', newCapture("c")}},
      {'a', capture("c", 1, {{"status", "in_progress"}, {"claimed_by_id", "ANN"}, {"claimed_label", "agent · Ann"},
