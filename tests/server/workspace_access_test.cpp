@@ -68,5 +68,19 @@ TEST_F(WorkspaceAccessTest, JoiningAskForAFreshStartAndLeavingDropsTheWorkspace)
               Json({{"drop", Json::array()}, {"missing", {"c1"}}}));
 }
 
+TEST_F(WorkspaceAccessTest, TheAdminRefusesAWorkspaceItCannotKeepAndAddsNothing) {
+    const std::pair<std::vector<std::string>, std::string> rows[] = {
+        {{"workspace", "add", "new", "--name", std::string(201, 'n')}, "the name must be 1 to 200 characters"},
+        {{"workspace", "add", "Not A Slug", "--name", "N"}, "a slug is 1 to 40 of a-z, 0-9 and -"},
+        {{"workspace", "add", "acme", "--name", "Again"}, "the workspace acme exists already"},
+    };
+    for (const auto& [words, error] : rows) {
+        const auto refused = server.admin(words);
+        EXPECT_EQ(refused.status, 1) << error;
+        EXPECT_EQ(refused.text, "mirel-server: " + error + "\n");
+    }
+    EXPECT_EQ(server.admin({"workspace", "list"}).text.find("new\t"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace mirel::test
