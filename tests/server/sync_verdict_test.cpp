@@ -27,6 +27,7 @@ struct VerdictCase {
     Json rowAfter = nullptr;                  // fields of the record as the reply's changes carry it
     std::vector<std::string> history = {};    // activity kinds written by the change
     bool conflictNote = false;
+    const char* reason = nullptr;             // of a rejection, when it matters here
 };
 
 Json change(const char* table, const char* id, int base, Json patch) {
@@ -94,7 +95,10 @@ std::vector<VerdictCase> verdictCases() {
     {"a capture in a workspace the user isn't in", {}, {'a', capture("c", 0, {{"workspace_id", "OTHER"}})},
      "rejected", std::nullopt, {}, false},
     {"moving a capture to another workspace", {{'a', newCapture("c")}},
-     {'a', capture("c", 1, {{"workspace_id", "OTHER"}})}, "rejected", std::nullopt, {}, false},
+     {'a', capture("c", 1, {{"workspace_id", "OTHER"}})}, "rejected", std::nullopt, {}, false, nullptr, nullptr, {}, false,
+     "a capture can't move to another workspace"},
+    {"a new group without its workspace", {}, {'a', group("g", 0, {{"name", "Loose"}})}, "rejected", std::nullopt, {},
+     false, nullptr, nullptr, {}, false, "a new group needs its workspace_id"},
     {"a capture whose group hasn't arrived", {}, {'a', capture("c", 0, {{"workspace_id", "WS"}, {"group_id", "g"}})},
      "rejected", std::nullopt, {}, true},
     {"an image before its capture", {}, {'a', image("i", "c", "SHA")}, "rejected", std::nullopt, {}, true},
@@ -104,7 +108,8 @@ std::vector<VerdictCase> verdictCases() {
      false, nullptr, {{"capture_id", "c"}, {"original_sha256", "SHA"}, {"marked_sha256", nullptr}}},
     {"a tombstone", {{'a', newCapture("c")}}, {'b', tombstone("captures", "c", 0)}, "applied", 2},
     {"an edit of a deleted capture", {{'a', newCapture("c")}, {'a', tombstone("captures", "c", 1)}},
-     {'b', capture("c", 1, {{"note", "late"}})}, "rejected", std::nullopt, {}, false},
+     {'b', capture("c", 1, {{"note", "late"}})}, "rejected", std::nullopt, {}, false, nullptr, nullptr, {}, false,
+     "this capture was deleted on the server"},
     {"a group can't be deleted", {{'a', newGroup("g", "Kept")}}, {'a', tombstone("groups", "g", 1)}, "rejected",
      std::nullopt, {}, false},
     {"a comment", {{'a', newCapture("c")}}, {'a', comment("m", "c")}, "applied", 1, {}, false, nullptr,
@@ -192,7 +197,7 @@ TEST_F(SyncVerdictTest, EachChangeGetsItsVerdict) {
         }
         if (std::string(c.status) == "rejected") {
             EXPECT_EQ(result["retry"], c.retry) << result;
-            EXPECT_FALSE(result.value("reason", "").empty());
+            EXPECT_EQ(result.value("reason", ""), c.reason ? c.reason : result.value("reason", "(none)"));
         }
         if (c.canonicalID) {
             EXPECT_EQ(result["canonical_id"], resolve(Json{{"id", c.canonicalID}}, n)["id"]);
