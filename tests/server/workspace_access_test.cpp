@@ -79,7 +79,9 @@ TEST_F(WorkspaceAccessTest, TheAdminRefusesAWorkspaceItCannotKeepAndAddsNothing)
         EXPECT_EQ(refused.status, 1) << error;
         EXPECT_EQ(refused.text, "mirel-server: " + error + "\n");
     }
-    EXPECT_EQ(server.admin({"workspace", "list"}).text.find("new\t"), std::string::npos);
+    const std::string listed = server.admin({"workspace", "list"}).text;
+    EXPECT_NE(listed.find("acme\tAcme\t"), std::string::npos) << listed;
+    EXPECT_EQ(listed.find("new\t"), std::string::npos) << listed;
 }
 
 }  // namespace
