@@ -112,5 +112,15 @@ TEST_F(SignInTest, DeniedAndUnknownCodesEndThePolling) {
     EXPECT_NE(approveTwice.text.find("unknown or has expired"), std::string::npos) << approveTwice.text;
 }
 
+TEST_F(SignInTest, ANewPasswordEndsTheSessionsOfTheOldOne) {
+    const std::string token = server.signIn("ann@example.com");
+    ASSERT_EQ(server.call("GET", "/v1/me", std::nullopt, token).status, 200);
+    const auto changed = server.admin({"user", "password", "ann@example.com"}, "a new long password\n");
+    EXPECT_EQ(changed.status, 0) << changed.text;
+    EXPECT_EQ(server.call("GET", "/v1/me", std::nullopt, token).status, 401);
+    EXPECT_EQ(server.admin({"user", "password", "nobody@example.com"}, "a new long password\n").text,
+              "mirel-server: no user has the e-mail nobody@example.com\n");
+}
+
 }  // namespace
 }  // namespace mirel::test
