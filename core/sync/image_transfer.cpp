@@ -115,9 +115,8 @@ asio::awaitable<void> SyncEngine::ensureBlobs(std::vector<ImageBlobs>& images) {
 
 asio::awaitable<void> SyncEngine::downloadPendingImages() {
     std::vector<ImageDownload> batch;
-    for (auto& [image, workspaceID] : store_.imagesAwaitingDownload(downloadsPerRun)) {  // only plain names are offered
-        batch.emplace_back().image = std::move(image);
-        batch.back().workspaceID = std::move(workspaceID);
+    for (auto& wanted : store_.imagesAwaitingDownload(downloadsPerRun)) {  // only plain names are offered
+        batch.emplace_back(std::move(wanted));
     }
     if (batch.empty()) co_return;
     co_await call([this, &batch](const Cancellation& cancel) {
@@ -125,7 +124,7 @@ asio::awaitable<void> SyncEngine::downloadPendingImages() {
         // is the image's own, and the others go on.
         sideBySide(batch, transfersAtOnce, [&](ImageDownload& download) {
             try {
-                download.files = fetchFilesOf(client_, download.image, download.workspaceID, cancel);
+                download.files = fetchFilesOf(client_, download.wanted.image, download.wanted.workspaceID, cancel);
             } catch (const SyncError& error) {
                 if (error.kind() == SyncError::Kind::unauthorized || error.kind() == SyncError::Kind::offline) {
                     download.runEnding = std::current_exception();
@@ -148,7 +147,7 @@ asio::awaitable<void> SyncEngine::downloadPendingImages() {
     for (ImageDownload& download : batch) {
         if (download.files) downloaded.push_back(std::move(*download.files));
         if (download.failure) {
-            store_.log("warn", "Download for image " + id8(download.image.id) + " failed: " + *download.failure);
+            store_.log("warn", "Download for image " + id8(download.wanted.image.id) + " failed: " + *download.failure);
         }
         if (download.runEnding && !runEnding) runEnding = download.runEnding;
     }

@@ -184,8 +184,8 @@ private:
     // (`files`), failed for a reason of its own (`failure`), a failure that
     // ends the run, or not tried because one ended it first.
     struct ImageDownload {
-        CaptureImage image;
-        std::string workspaceID;
+        explicit ImageDownload(CaptureStore::AwaitingDownload wanted) : wanted(std::move(wanted)) {}
+        CaptureStore::AwaitingDownload wanted;
         std::optional<DownloadedImage> files;
         std::optional<std::string> failure;
         std::exception_ptr runEnding;
