@@ -3,6 +3,7 @@
 // and Adam7 interlacing.
 #include <gtest/gtest.h>
 #include <png.h>
+#include <zlib.h>
 
 #include <string>
 #include <vector>
@@ -148,6 +149,38 @@ TEST(PNGForms, EveryColourTypeDepthAndInterlaceReadsBackExactly) {
         }
         EXPECT_EQ(image->opaque, opaque) << name;
     }
+}
+
+// A 4×4 interlaced RGB file built by hand around the given filtered rows, so
+// that they can be damaged.
+std::vector<std::uint8_t> interlacedFile(const std::vector<std::uint8_t>& rows) {
+    std::vector<std::uint8_t> out{0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+    const auto chunk = [&out](const char* type, const std::vector<std::uint8_t>& data) {
+        for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(data.size() >> shift));
+        const std::size_t start = out.size();
+        out.insert(out.end(), type, type + 4);
+        out.insert(out.end(), data.begin(), data.end());
+        const uLong crc = crc32(0, out.data() + start, static_cast<uInt>(out.size() - start));
+        for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(crc >> shift));
+    };
+    chunk("IHDR", {0, 0, 0, 4, 0, 0, 0, 4, 8, 2, 0, 0, 1});
+    uLongf size = compressBound(rows.size());
+    std::vector<std::uint8_t> packed(size);
+    compress(packed.data(), &size, rows.data(), rows.size());
+    packed.resize(size);
+    chunk("IDAT", packed);
+    chunk("IEND", {});
+    return out;
+}
+
+TEST(PNGForms, AnInterlacedImageWithAMissingOrBadRowIsRefused) {
+    // Adam7 over 4×4 pixels: passes of 1×1, 1×1, 2×1, 2×2 and 4×2, each row a filter byte and 3 per pixel.
+    const std::vector<std::uint8_t> whole(2 * 4 + 3 * 7 + 2 * 13, 0);
+    ASSERT_TRUE(ImageCodec::decode(interlacedFile(whole)));
+    std::vector<std::uint8_t> shortOfOneByte(whole.begin(), whole.end() - 1), badFilter = whole;
+    badFilter[2 * 4 + 3 * 7] = 5;  // the last pass's first row
+    EXPECT_FALSE(ImageCodec::decode(interlacedFile(shortOfOneByte)));
+    EXPECT_FALSE(ImageCodec::decode(interlacedFile(badFilter)));
 }
 
 }  // namespace

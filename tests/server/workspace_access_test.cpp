@@ -79,6 +79,9 @@ TEST_F(WorkspaceAccessTest, TheAdminRefusesAWorkspaceItCannotKeepAndAddsNothing)
         EXPECT_EQ(refused.status, 1) << error;
         EXPECT_EQ(refused.text, "mirel-server: " + error + "\n");
     }
+    const auto bare = server.admin({"workspace"});
+    EXPECT_EQ(bare.status, 2);
+    EXPECT_TRUE(bare.text.starts_with("mirel-server: workspace add SLUG --name NAME")) << bare.text;
     const std::string listed = server.admin({"workspace", "list"}).text;
     EXPECT_NE(listed.find("acme\tAcme\t"), std::string::npos) << listed;
     EXPECT_EQ(listed.find("new\t"), std::string::npos) << listed;

@@ -14,7 +14,10 @@
 #include <asio/detached.hpp>
 #include <asio/io_context.hpp>
 
+#include <array>
 #include <ctime>
+#include <mutex>
+#include <set>
 #include <thread>
 
 namespace mirel::test {
@@ -333,6 +336,7 @@ TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust)
     for (int i = 0; i < 6; ++i) {
         CaptureImage image = makeImage(c.id, i);
         image.thumbPath = std::nullopt;
+        image.imagePath.replace(image.imagePath.size() - 4, 4, std::array{".png", ".png", ".jpg", ".JPEG", ".webp", ".png"}[i]);
         seedImageRow(db(), image);
         setLedger("capture_images", image.id, "pendingPush", R"({"*":true})");
         if (i > 0) {  // the first image's file is gone
@@ -346,6 +350,8 @@ TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust)
     server.on("POST /v1/uploads/complete", ApiTestServer::json(200, "{}"));
     onSync([](const Json& body, int) { return applied(body); });
     std::atomic<int> inFlight{0}, mostInFlight{0};
+    std::mutex typesLock;
+    std::multiset<std::string> types;  // as announced for each upload
     const auto sent = [&] {
         int count = 0;
         for (const std::string& id : images) count += timesSent(id);
@@ -357,8 +363,12 @@ TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust)
     make();
     for (const auto& [status, reply, wantStatus, wantSent] : runs) {
         SCOPED_TRACE(reply);
-        server.on("POST /v1/uploads", [&](const httplib::Request&, httplib::Response& response) {
+        server.on("POST /v1/uploads", [&](const httplib::Request& request, httplib::Response& response) {
             if (*reply) return ApiTestServer::json(status, reply)({}, response);
+            {
+                const std::lock_guard lock(typesLock);
+                types.insert(Json::parse(request.body).value("content_type", ""));
+            }
             const int now = ++inFlight;
             for (int most = mostInFlight; now > most && !mostInFlight.compare_exchange_weak(most, now);) {
             }
@@ -372,6 +382,7 @@ TEST_F(SyncEngineTest, ImagesTravelSideBySideAndAFailureHoldsBackOnlyWhatItMust)
         EXPECT_EQ(cells("capture_images", images[0], "sync_state"), "pendingPush");
     }
     EXPECT_GT(mostInFlight, 1);
+    EXPECT_EQ(types, (std::multiset<std::string>{"image/jpeg", "image/jpeg", "image/png", "image/png", "image/webp"}));
     EXPECT_EQ(logged("warn Image " + id8(images[0]) + " skipped: "), 3);
     for (std::size_t i = 1; i < images.size(); ++i) {
         EXPECT_EQ(cells("capture_images", images[i], "sync_state"), "synced") << i;
