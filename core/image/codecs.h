@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "core/image/banded_png.h"
 #include "core/image/image.h"
 
 namespace mirel::ImageCodec::detail {
@@ -30,12 +31,14 @@ inline constexpr std::size_t decodeBudget = std::size_t{112} << 20;
 std::pair<int, int> targetSize(int width, int height, int maxEdge);
 
 // Each decoder gives the first image of the file at targetSize of its upright
-// size, or nothing.
+// size, or nothing; the PNG and JPEG decoders encode along when asked.
 std::optional<std::pair<int, int>> pngDimensions(const std::uint8_t* bytes, std::size_t size);
-std::optional<Image> decodePNG(const std::uint8_t* bytes, std::size_t size, int maxEdge);
+std::optional<Image> decodePNG(const std::uint8_t* bytes, std::size_t size, int maxEdge,
+                               EncodeAlong* along = nullptr);
 
 std::optional<std::pair<int, int>> jpegDimensions(const std::uint8_t* bytes, std::size_t size);
-std::optional<Image> decodeJPEG(const std::uint8_t* bytes, std::size_t size, int maxEdge);
+std::optional<Image> decodeJPEG(const std::uint8_t* bytes, std::size_t size, int maxEdge,
+                                EncodeAlong* along = nullptr);
 
 std::optional<std::pair<int, int>> webpDimensions(const std::uint8_t* bytes, std::size_t size);
 std::optional<Image> decodeWebP(const std::uint8_t* bytes, std::size_t size, int maxEdge);

@@ -1,9 +1,11 @@
 #include "core/image/deflate_pieces.h"
 
 #include <libdeflate.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cstring>
 #include <new>
@@ -224,51 +226,65 @@ std::optional<DeflateEnd> findDeflateEnd(const std::uint8_t* data, std::size_t s
     }
 }
 
+PiecedZlib::PiecedZlib(const std::vector<std::size_t>& sizes, int level)
+    : level_(level), sizes_(sizes), slot_(sizes.size() + 1), length_(sizes.size(), 0), checksums_(sizes.size()) {
+    constexpr std::size_t header = 2, trailer = 4;
+    slot_[0] = header;
+    for (std::size_t index = 0; index < sizes.size(); ++index) {
+        compressors_.emplace_back(libdeflate_alloc_compressor(level));
+        if (!compressors_.back()) throw std::bad_alloc();
+        slot_[index + 1] = slot_[index] + openingRoom +
+                           libdeflate_deflate_compress_bound(compressors_.back().get(), sizes[index]);
+    }
+    // Left uninitialised on purpose: pages never written are never mapped in.
+    out_ = std::make_unique_for_overwrite<std::uint8_t[]>(slot_.back() + trailer);
+}
+
+bool PiecedZlib::compress(std::size_t index, const std::uint8_t* data) {
+    std::uint8_t* piece = out_.get() + slot_[index];
+    std::size_t length = libdeflate_deflate_compress(compressors_[index].get(), data, sizes_[index], piece,
+                                                     slot_[index + 1] - slot_[index] - openingRoom);
+    if (length != 0 && index + 1 < sizes_.size()) length = openUp(piece, length);
+    checksums_[index] = libdeflate_adler32(1, data, sizes_[index]);
+    compressors_[index].reset();  // its tables are large
+    length_[index] = length;
+    return length != 0;
+}
+
+std::optional<ZlibStream> PiecedZlib::finish() {
+    if (std::find(length_.begin(), length_.end(), std::size_t{0}) != length_.end()) return std::nullopt;
+    const std::uint8_t method = 0x78;  // deflate with a 32 KiB window
+    auto flags = static_cast<std::uint8_t>(zlibLevelHint(level_) << 6);
+    flags = static_cast<std::uint8_t>(flags | (31 - (method << 8 | flags) % 31) % 31);
+    out_[0] = method;
+    out_[1] = flags;
+    std::size_t filled = 2;
+    uLong checksum = checksums_[0];
+    for (std::size_t index = 0; index < sizes_.size(); ++index) {
+        std::memmove(out_.get() + filled, out_.get() + slot_[index], length_[index]);
+        filled += length_[index];
+        if (index > 0) checksum = adler32_combine(checksum, checksums_[index], static_cast<z_off_t>(sizes_[index]));
+    }
+    for (int shift = 24; shift >= 0; shift -= 8) out_[filled++] = static_cast<std::uint8_t>(checksum >> shift);
+    return ZlibStream(std::move(out_), filled);
+}
+
 std::optional<ZlibStream> zlibCompress(const std::uint8_t* data, std::size_t size, int level, int pieces) {
     // Below this a piece's own start-up outweighs what a second core brings.
     constexpr std::size_t smallestPiece = 128 * 1024;
-    pieces = static_cast<int>(std::clamp<std::size_t>(size / smallestPiece, 1, static_cast<std::size_t>(std::max(pieces, 1))));
-    const auto count = static_cast<std::size_t>(pieces);
-    const auto pieceBegin = [&](std::size_t index) { return size * index / count; };
+    const auto count = std::clamp<std::size_t>(size / smallestPiece, 1, static_cast<std::size_t>(std::max(pieces, 1)));
+    std::vector<std::size_t> begins(count + 1), sizes(count);
+    for (std::size_t index = 0; index <= count; ++index) begins[index] = size * index / count;
+    for (std::size_t index = 0; index < count; ++index) sizes[index] = begins[index + 1] - begins[index];
     try {
-        // Every piece is compressed straight into its own slot of the output,
-        // then the slots are closed up: the output is the only copy.
-        std::vector<png::Compressor> compressors;
-        std::vector<std::size_t> slot(count + 1), length(count, 0);
-        constexpr std::size_t header = 2, trailer = 4;
-        slot[0] = header;
-        for (std::size_t index = 0; index < count; ++index) {
-            compressors.emplace_back(libdeflate_alloc_compressor(level));
-            if (!compressors.back()) return std::nullopt;
-            slot[index + 1] = slot[index] + openingRoom +
-                              libdeflate_deflate_compress_bound(compressors.back().get(),
-                                                                pieceBegin(index + 1) - pieceBegin(index));
-        }
-        // Left uninitialised on purpose: pages never written are never mapped in.
-        auto out = std::make_unique_for_overwrite<std::uint8_t[]>(slot[count] + trailer);
-        parallelFor(pieces, [&](int at) {
+        PiecedZlib stream(sizes, level);
+        std::atomic<bool> failed{false};
+        parallelFor(static_cast<int>(count), [&](int at) {
             const auto index = static_cast<std::size_t>(at);
-            const std::size_t begin = pieceBegin(index), end = pieceBegin(index + 1);
-            std::uint8_t* piece = out.get() + slot[index];
-            length[index] = libdeflate_deflate_compress(compressors[index].get(), data + begin, end - begin, piece,
-                                                        slot[index + 1] - slot[index] - openingRoom);
-            if (length[index] != 0 && index + 1 < count) length[index] = openUp(piece, length[index]);
+            if (!stream.compress(index, data + begins[index])) failed = true;
         });
-        if (std::find(length.begin(), length.end(), std::size_t{0}) != length.end()) return std::nullopt;
-
-        const std::uint8_t method = 0x78;  // deflate with a 32 KiB window
-        auto flags = static_cast<std::uint8_t>(zlibLevelHint(level) << 6);
-        flags = static_cast<std::uint8_t>(flags | (31 - (method << 8 | flags) % 31) % 31);
-        out[0] = method;
-        out[1] = flags;
-        std::size_t filled = header;
-        for (std::size_t index = 0; index < count; ++index) {
-            std::memmove(out.get() + filled, out.get() + slot[index], length[index]);
-            filled += length[index];
-        }
-        const std::uint32_t checksum = libdeflate_adler32(1, data, size);
-        for (int shift = 24; shift >= 0; shift -= 8) out[filled++] = static_cast<std::uint8_t>(checksum >> shift);
-        return ZlibStream(std::move(out), filled);
+        if (failed) return std::nullopt;
+        return stream.finish();
     } catch (const std::bad_alloc&) {
         return std::nullopt;
     }

@@ -10,6 +10,9 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
+
+#include "core/image/png_filters.h"
 
 namespace mirel::ImageCodec::detail {
 
@@ -25,6 +28,28 @@ public:
 private:
     std::unique_ptr<std::uint8_t[]> bytes_;
     std::size_t size_;
+};
+
+// One zlib stream made of pieces of known sizes, each compressed on its own,
+// on any thread and in any order, then joined. Every piece is compressed
+// straight into its own slot of one output buffer, and the slots are closed
+// up at the end: the output is the only copy.
+class PiecedZlib {
+public:
+    // Throws std::bad_alloc.
+    PiecedZlib(const std::vector<std::size_t>& sizes, int level);
+    // Compresses piece `index` from its bytes; different pieces may be
+    // compressed at once. False if the piece could not be.
+    bool compress(std::size_t index, const std::uint8_t* data);
+    // The stream once every piece is in; nothing if one is missing.
+    std::optional<ZlibStream> finish();
+
+private:
+    int level_;
+    std::vector<std::size_t> sizes_, slot_, length_;
+    std::vector<std::uint32_t> checksums_;
+    std::vector<png::Compressor> compressors_;
+    std::unique_ptr<std::uint8_t[]> out_;
 };
 
 // The zlib stream of `size` bytes at `data`, at libdeflate's `level`, cut

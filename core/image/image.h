@@ -68,8 +68,11 @@ std::optional<std::vector<std::uint8_t>> encodePNG(const Image& image);
 // quickest level costs a few percent of bytes and saves half the time.
 enum class PNGCompression { fastest, fast, small };
 std::optional<std::vector<std::uint8_t>> encodePNG(const Image& image, PNGCompression compression);
-// The same, letting go of the pixels as soon as they are no longer needed.
-std::optional<std::vector<std::uint8_t>> encodePNG(Image&& image, PNGCompression compression);
+// The image of the file as decode gives it, encoded as encodePNG encodes it
+// (the same pixels and colour type). Where the decoder allows, bands of the
+// result are compressed while later rows are still being decoded.
+std::optional<std::vector<std::uint8_t>> decodeToPNG(const std::uint8_t* bytes, std::size_t size, int maxEdge,
+                                                     PNGCompression compression);
 
 // Standard base64 with padding and no line breaks.
 std::string base64(const std::vector<std::uint8_t>& bytes);

@@ -176,7 +176,7 @@ std::optional<std::pair<int, int>> jpegDimensions(const std::uint8_t* bytes, std
     return std::pair<int, int>{static_cast<int>(width), static_cast<int>(height)};
 }
 
-std::optional<Image> decodeJPEG(const std::uint8_t* bytes, std::size_t size, int maxEdge) {
+std::optional<Image> decodeJPEG(const std::uint8_t* bytes, std::size_t size, int maxEdge, EncodeAlong* along) {
     Decompressor decompressor;
     jpeg_decompress_struct* info = &decompressor.info;
     if (!decompressor.created || !readHeader(info, &decompressor.errors, bytes, size)) return std::nullopt;
@@ -196,8 +196,9 @@ std::optional<Image> decodeJPEG(const std::uint8_t* bytes, std::size_t size, int
     const unsigned reduction = toWidth == width && toHeight == height ? 1 : reductionFor(info, toWidth, toHeight);
     if (!startDecompress(info, &decompressor.errors, reduction)) return std::nullopt;
     try {
+        // Rows are encoded along only if they will not be turned afterwards.
         RowTarget target(static_cast<int>(info->output_width), static_cast<int>(info->output_height), toWidth,
-                         toHeight, coefficients);
+                         toHeight, coefficients, 0, orientation == 1 ? along : nullptr);
         std::vector<JSAMPLE> cmykBuffer(isCMYK(info) ? std::size_t{info->output_width} * 4 : 0);
         if (!readPixels(info, &decompressor.errors, &target, cmykBuffer.data())) return std::nullopt;
         std::optional<Image> image = target.finish(true);

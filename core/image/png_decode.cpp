@@ -429,7 +429,7 @@ std::optional<std::pair<int, int>> pngDimensions(const std::uint8_t* bytes, std:
     return std::pair<int, int>{static_cast<int>(width), static_cast<int>(height)};
 }
 
-std::optional<Image> decodePNG(const std::uint8_t* bytes, std::size_t size, int maxEdge) {
+std::optional<Image> decodePNG(const std::uint8_t* bytes, std::size_t size, int maxEdge, EncodeAlong* along) {
     // Refuse oversized images from the raw header before anything is allocated.
     const auto claimed = pngDimensions(bytes, size);
     if (!claimed || !sizeAllowed(claimed->first, claimed->second)) return std::nullopt;
@@ -441,7 +441,9 @@ std::optional<Image> decodePNG(const std::uint8_t* bytes, std::size_t size, int 
         const std::size_t total = (h.rowBytes(h.width) + 1) * static_cast<std::size_t>(h.height);
         // Several IDAT chunks are joined into one copy before libdeflate reads them.
         const std::size_t joined = chunks->data.size() > 1 ? chunks->dataBytes : 0;
-        RowTarget target(h.width, h.height, toWidth, toHeight, joined, h.interlaced ? 0 : total);
+        // Colour types 4 and 6 carry alpha.
+        if (along) along->opaque = (h.colorType & 4) == 0 && !chunks->transparency;
+        RowTarget target(h.width, h.height, toWidth, toHeight, joined, h.interlaced ? 0 : total, along);
         RowConverter converter(*chunks);
         const bool read = h.interlaced ? readInterlaced(*chunks, converter, target)
                                        : readSequential(*chunks, converter, target);

@@ -15,7 +15,7 @@
 #include <emmintrin.h>
 #endif
 
-#include "core/image/deflate_pieces.h"
+#include "core/image/banded_png.h"
 #include "core/image/image.h"
 #include "core/image/png_filters.h"
 #include "core/image/workers.h"
@@ -92,34 +92,30 @@ std::uint64_t signedSum(const std::uint8_t* bytes, std::size_t count) {
     return total;
 }
 
-struct Layout {
-    int width, height, bpp;
-    std::size_t rowBytes, stride;
-};
-
 // Rows [first, end) of the image, filtered, into `out` (a filter byte before each row).
-void filterRows(const Image& image, const Layout& layout, int first, int end, std::uint8_t* out) {
-    std::vector<std::uint8_t> lines(2 * layout.rowBytes), candidates(5 * layout.rowBytes);
+void filterRows(const std::uint32_t* pixels, int width, bool opaque, int first, int end, std::uint8_t* out) {
+    const int bpp = opaque ? 3 : 4;
+    const std::size_t rowBytes = static_cast<std::size_t>(width) * bpp;
+    std::vector<std::uint8_t> lines(2 * rowBytes), candidates(5 * rowBytes);
     auto stored = [&](int y, std::uint8_t* line) {
-        storedRow(image.pixels.data() + static_cast<std::size_t>(y) * layout.width, layout.width, image.opaque, line);
+        storedRow(pixels + static_cast<std::size_t>(y) * width, width, opaque, line);
     };
     std::uint8_t* previous = lines.data();
-    std::uint8_t* current = lines.data() + layout.rowBytes;
+    std::uint8_t* current = lines.data() + rowBytes;
     if (first > 0) stored(first - 1, previous);  // the row above the band, for the filters that look up
-    else std::memset(previous, 0, layout.rowBytes);
-    for (int y = first; y < end; ++y) {
+    else std::memset(previous, 0, rowBytes);
+    for (int y = first; y < end; ++y, out += rowBytes + 1) {
         stored(y, current);
         std::uint64_t best = UINT64_MAX;
         int chosen = 0;
         for (int type = 0; type < 5; ++type) {
-            std::uint8_t* candidate = candidates.data() + type * layout.rowBytes;
-            png::filter(static_cast<png::Filter>(type), current, previous, candidate, layout.rowBytes, layout.bpp);
-            const std::uint64_t score = signedSum(candidate, layout.rowBytes);
+            std::uint8_t* candidate = candidates.data() + type * rowBytes;
+            png::filter(static_cast<png::Filter>(type), current, previous, candidate, rowBytes, bpp);
+            const std::uint64_t score = signedSum(candidate, rowBytes);
             if (score < best) best = score, chosen = type;
         }
-        std::uint8_t* row = out + static_cast<std::size_t>(y) * layout.stride;
-        row[0] = static_cast<std::uint8_t>(chosen);
-        std::memcpy(row + 1, candidates.data() + chosen * layout.rowBytes, layout.rowBytes);
+        out[0] = static_cast<std::uint8_t>(chosen);
+        std::memcpy(out + 1, candidates.data() + chosen * rowBytes, rowBytes);
         std::swap(previous, current);
     }
 }
@@ -138,55 +134,92 @@ void putChunk(std::vector<std::uint8_t>& out, const char* type, const std::uint8
     putBigEndian32(out, static_cast<std::uint32_t>(libdeflate_crc32(0, out.data() + start, size + 4)));
 }
 
-std::optional<std::vector<std::uint8_t>> encode(const Image& image, PNGCompression compression, Image* release) {
+// A PNG file around its compressed image data.
+std::vector<std::uint8_t> pngFile(int width, int height, bool opaque, const detail::ZlibStream& data) {
+    std::vector<std::uint8_t> out(std::begin(png::signature), std::end(png::signature));
+    out.reserve(data.size() + data.size() / 4096 + 128);
+    std::uint8_t header[13];
+    const auto word = [&](int at, std::uint32_t v) {
+        for (int i = 0; i < 4; ++i) header[at + i] = static_cast<std::uint8_t>(v >> (24 - 8 * i));
+    };
+    word(0, static_cast<std::uint32_t>(width));
+    word(4, static_cast<std::uint32_t>(height));
+    header[8] = 8;                       // bits per sample
+    header[9] = opaque ? 2 : 6;          // RGB or RGBA
+    header[10] = header[11] = header[12] = 0;  // deflate, adaptive filters, not interlaced
+    putChunk(out, "IHDR", header, sizeof header);
+    const std::uint8_t perceptual = 0;
+    putChunk(out, "sRGB", &perceptual, 1);
+    constexpr std::size_t chunkBytes = 256 * 1024;
+    for (std::size_t at = 0; at < data.size(); at += chunkBytes) {
+        putChunk(out, "IDAT", data.data() + at, std::min(chunkBytes, data.size() - at));
+    }
+    putChunk(out, "IEND", nullptr, 0);
+    return out;
+}
+
+}  // namespace
+
+namespace detail {
+
+BandedPNG::BandedPNG(int width, int height, bool opaque, PNGCompression compression, int bands)
+    : width_(width), height_(height), opaque_(opaque), rowBytes_(static_cast<std::size_t>(width) * (opaque ? 3 : 4)) {
+    // Below the smallest a band's own start-up outweighs what another core
+    // brings; above the largest its filtered rows would cost more memory
+    // than they are worth (they live while the band is compressed).
+    constexpr std::size_t smallestBand = 128 * 1024, largestBand = 8 << 20;
+    const std::size_t total = (rowBytes_ + 1) * static_cast<std::size_t>(height);
+    const std::size_t wanted = std::max<std::size_t>({static_cast<std::size_t>(std::max(bands, 1)),
+                                                      (total + largestBand - 1) / largestBand});
+    const auto count = static_cast<int>(std::clamp<std::size_t>(
+        std::min<std::size_t>(wanted, static_cast<std::size_t>(height)), 1, std::max<std::size_t>(total / smallestBand, 1)));
+    std::vector<std::size_t> sizes;
+    firstRows_.push_back(0);
+    for (int band = 1; band <= count; ++band) {
+        firstRows_.push_back(static_cast<int>(static_cast<std::int64_t>(height) * band / count));
+        sizes.push_back((rowBytes_ + 1) * static_cast<std::size_t>(firstRows_[band] - firstRows_[band - 1]));
+    }
+    stream_.emplace(sizes, levelFor(compression));
+}
+
+int BandedPNG::bandOf(int row) const {
+    return static_cast<int>(std::upper_bound(firstRows_.begin(), firstRows_.end(), row) - firstRows_.begin()) - 1;
+}
+
+void BandedPNG::encode(int band, const std::uint32_t* pixels) {
+    const int first = firstRow(band), end = firstRow(band + 1);
+    std::vector<std::uint8_t> filtered((rowBytes_ + 1) * static_cast<std::size_t>(end - first));
+    filterRows(pixels, width_, opaque_, first, end, filtered.data());
+    stream_->compress(static_cast<std::size_t>(band), filtered.data());
+}
+
+std::optional<std::vector<std::uint8_t>> BandedPNG::finish() {
+    const auto data = stream_->finish();
+    if (!data) return std::nullopt;
+    return pngFile(width_, height_, opaque_, *data);
+}
+
+}  // namespace detail
+
+namespace {
+
+std::optional<std::vector<std::uint8_t>> encode(const Image& image, PNGCompression compression) {
     if (image.width < 1 || image.height < 1 ||
         image.pixels.size() != static_cast<std::size_t>(image.width) * static_cast<std::size_t>(image.height)) {
         return std::nullopt;
     }
     try {
-        Layout layout{image.width, image.height, image.opaque ? 3 : 4, 0, 0};
-        layout.rowBytes = static_cast<std::size_t>(layout.width) * layout.bpp;
-        layout.stride = layout.rowBytes + 1;
-        std::vector<std::uint8_t> filtered(layout.stride * static_cast<std::size_t>(layout.height));
-
-        constexpr int bandRows = 64;
+        detail::BandedPNG png(image.width, image.height, image.opaque, compression, detail::workerCount());
         std::atomic<bool> failed{false};
-        detail::parallelFor((layout.height + bandRows - 1) / bandRows, [&](int band) {
+        detail::parallelFor(png.bands(), [&](int band) {
             try {
-                filterRows(image, layout, band * bandRows, std::min(layout.height, (band + 1) * bandRows),
-                           filtered.data());
+                png.encode(band, image.pixels.data());
             } catch (const std::bad_alloc&) {
                 failed = true;
             }
         });
         if (failed) return std::nullopt;
-        if (release) *release = Image{};  // only the filtered rows are needed now
-
-        auto compressed = detail::zlibCompress(filtered.data(), filtered.size(), levelFor(compression), detail::workerCount());
-        if (!compressed) return std::nullopt;
-        const std::size_t size = compressed->size();
-        filtered = {};
-
-        std::vector<std::uint8_t> out(std::begin(png::signature), std::end(png::signature));
-        out.reserve(size + size / 4096 + 128);
-        std::uint8_t header[13];
-        const auto word = [&](int at, std::uint32_t v) {
-            for (int i = 0; i < 4; ++i) header[at + i] = static_cast<std::uint8_t>(v >> (24 - 8 * i));
-        };
-        word(0, static_cast<std::uint32_t>(layout.width));
-        word(4, static_cast<std::uint32_t>(layout.height));
-        header[8] = 8;                       // bits per sample
-        header[9] = layout.bpp == 3 ? 2 : 6;  // RGB or RGBA
-        header[10] = header[11] = header[12] = 0;  // deflate, adaptive filters, not interlaced
-        putChunk(out, "IHDR", header, sizeof header);
-        const std::uint8_t perceptual = 0;
-        putChunk(out, "sRGB", &perceptual, 1);
-        constexpr std::size_t chunkBytes = 256 * 1024;
-        for (std::size_t at = 0; at < size; at += chunkBytes) {
-            putChunk(out, "IDAT", compressed->data() + at, std::min(chunkBytes, size - at));
-        }
-        putChunk(out, "IEND", nullptr, 0);
-        return out;
+        return png.finish();
     } catch (const std::bad_alloc&) {
         return std::nullopt;
     }
@@ -195,11 +228,7 @@ std::optional<std::vector<std::uint8_t>> encode(const Image& image, PNGCompressi
 }  // namespace
 
 std::optional<std::vector<std::uint8_t>> encodePNG(const Image& image, PNGCompression compression) {
-    return encode(image, compression, nullptr);
-}
-
-std::optional<std::vector<std::uint8_t>> encodePNG(Image&& image, PNGCompression compression) {
-    return encode(image, compression, &image);
+    return encode(image, compression);
 }
 
 std::optional<std::vector<std::uint8_t>> encodePNG(const Image& image) {

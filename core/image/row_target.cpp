@@ -17,6 +17,9 @@ constexpr std::int64_t helperPixels = 1'000'000;
 // A window of full-width source rows above this size is kept as rows already
 // scaled to the output width instead (very wide images).
 constexpr std::size_t windowLimit = 16u << 20;
+// Bands of a PNG encoded along: enough that little of the encoding is left
+// once the last rows are in.
+constexpr int bandsAlong = 8;
 
 std::size_t bytesOf(int width, int height) {
     return static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;
@@ -25,7 +28,7 @@ std::size_t bytesOf(int width, int height) {
 }  // namespace
 
 RowTarget::RowTarget(int width, int height, int toWidth, int toHeight, std::size_t decoderBytes,
-                     std::size_t wholeBytes)
+                     std::size_t wholeBytes, EncodeAlong* along)
     : width_(width), height_(height) {
     output_.width = toWidth;
     output_.height = toHeight;
@@ -42,6 +45,11 @@ RowTarget::RowTarget(int width, int height, int toWidth, int toHeight, std::size
         wholeStorage_.reset(new std::uint8_t[wholeSize_]);
         whole_ = wholeStorage_.get();
         if (workerCount() > 1 && static_cast<std::int64_t>(width) * height >= helperPixels) {
+            if (along) {
+                along->png.emplace(toWidth, toHeight, along->opaque, along->compression, bandsAlong);
+                along_ = along;
+                bandRowsMade_.assign(static_cast<std::size_t>(along->png->bands()), 0);
+            }
             helpers_.emplace(workerCount() - 1, [this] { scaleBatches(); });
         }
         return;
@@ -78,6 +86,33 @@ void RowTarget::makeOutputRow(int y, const Resampler::SourceRows& source, Resamp
     else resampler_->outputRow(y, source, out, scratch);
 }
 
+void RowTarget::encodeBandsOf(int first, int end) {
+    BandedPNG& png = *along_->png;
+    int from = 0, to = 0;
+    {
+        const std::lock_guard lock(bandsLock_);
+        for (int y = first; y < end;) {
+            const int band = png.bandOf(y), stop = std::min(end, png.firstRow(band + 1));
+            bandRowsMade_[static_cast<std::size_t>(band)] += stop - y;
+            y = stop;
+        }
+        // A band needs the row above it too: bands go out once every band
+        // before them is complete.
+        while (bandsComplete_ < png.bands() &&
+               bandRowsMade_[static_cast<std::size_t>(bandsComplete_)] ==
+                   png.firstRow(bandsComplete_ + 1) - png.firstRow(bandsComplete_)) {
+            ++bandsComplete_;
+        }
+        from = bandsTaken_;
+        to = bandsTaken_ = bandsComplete_;
+    }
+    try {
+        for (int band = from; band < to && !encodeFailed_; ++band) png.encode(band, output_.pixels.data());
+    } catch (const std::bad_alloc&) {
+        encodeFailed_ = true;  // the image is still good; it is encoded afterwards
+    }
+}
+
 void RowTarget::rowsDone(int rows) {
     if (whole_) {
         done_.store(rows);
@@ -109,6 +144,7 @@ void RowTarget::scaleBatches() noexcept {
             }
             if (stopping_) return;
             for (int y = first; y < end; ++y) makeOutputRow(y, source, scratch);
+            if (along_) encodeBandsOf(first, end);
         }
     } catch (const std::bad_alloc&) {
         failed_ = true;
@@ -123,10 +159,12 @@ std::optional<Image> RowTarget::finish(bool opaque) {
         wholeStorage_.reset();
         whole_ = nullptr;
     }
+    if (along_ && (encodeFailed_ || failed_)) along_->png.reset();
     if (failed_) return std::nullopt;
     if (!resampler_) output_.pixels.resize(static_cast<std::size_t>(width_) * height_);
     output_.opaque = opaque;
     // With every alpha at 255 and weights summing to one, alpha stays 255.
+    // (Rows encoded along need no clamping: PNG's straight colour saturates.)
     if (resampler_ && !opaque) rowKernels().clampToAlpha(output_.pixels.data(), output_.pixels.size());
     return std::move(output_);
 }

@@ -7,13 +7,18 @@
 // later ones. When it does not, only the window of rows the filter still needs
 // is kept and each output row is made as soon as its rows are in, so memory
 // follows the size of the output rather than what the file claims.
+//
+// Asked to encode along (and kept whole, with helpers), the output is also
+// compressed as PNG band by band, by whichever thread finishes a band's rows.
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
+#include "core/image/banded_png.h"
 #include "core/image/image.h"
 #include "core/image/resample.h"
 #include "core/image/workers.h"
@@ -25,9 +30,10 @@ public:
     // Rows of width×height are to come, to be given back at toWidth×toHeight.
     // `decoderBytes` is what the decoder holds meanwhile; `wholeBytes` asks for
     // at least that many bytes of room if the source is kept whole (a PNG
-    // inflates into it). Throws std::bad_alloc.
+    // inflates into it). `along`, when given, asks for the PNG of the output
+    // too (see EncodeAlong). Throws std::bad_alloc.
     RowTarget(int width, int height, int toWidth, int toHeight, std::size_t decoderBytes = 0,
-              std::size_t wholeBytes = 0);
+              std::size_t wholeBytes = 0, EncodeAlong* along = nullptr);
     ~RowTarget();
     RowTarget(const RowTarget&) = delete;
     RowTarget& operator=(const RowTarget&) = delete;
@@ -50,6 +56,7 @@ public:
 private:
     void scaleBatches() noexcept;  // what the helpers, and at the end the caller, run
     void makeOutputRow(int y, const Resampler::SourceRows& source, ResampleScratch& scratch);
+    void encodeBandsOf(int first, int end);  // output rows [first, end) are made
     const std::uint32_t* sourceRow(int y) const;
 
     const int width_, height_;
@@ -75,6 +82,15 @@ private:
     std::atomic<int> nextBatch_{0};
     std::atomic<bool> stopping_{false};
     std::atomic<bool> failed_{false};
+
+    // Encoding along: the rows made of each band, and the bands handed out.
+    EncodeAlong* along_ = nullptr;
+    std::mutex bandsLock_;
+    std::vector<int> bandRowsMade_;
+    int bandsComplete_ = 0;  // bands [0, bandsComplete_) have all their rows
+    int bandsTaken_ = 0;
+    std::atomic<bool> encodeFailed_{false};
+
     std::optional<Helpers> helpers_;  // last, so it is joined before the rest goes
 };
 

@@ -27,6 +27,24 @@ std::optional<Image> decode(const std::uint8_t* bytes, std::size_t size, int max
     return std::nullopt;
 }
 
+std::optional<std::vector<std::uint8_t>> decodeToPNG(const std::uint8_t* bytes, std::size_t size, int maxEdge,
+                                                     PNGCompression compression) {
+    detail::EncodeAlong along{compression, true, std::nullopt};
+    std::optional<Image> image;
+    switch (sniff(bytes, size)) {
+        case Format::png: image = detail::decodePNG(bytes, size, maxEdge, &along); break;
+        case Format::jpeg: image = detail::decodeJPEG(bytes, size, maxEdge, &along); break;
+        default: image = decode(bytes, size, maxEdge);
+    }
+    if (!image) return std::nullopt;
+    // Encoded along as the image turned out to be, or encoded now.
+    if (along.png && along.png->opaque() == image->opaque) {
+        if (auto png = along.png->finish()) return png;
+    }
+    along.png.reset();
+    return encodePNG(*image, compression);
+}
+
 std::optional<Image> decode(const std::vector<std::uint8_t>& bytes, int maxEdge) {
     return decode(bytes.data(), bytes.size(), maxEdge);
 }
