@@ -24,11 +24,13 @@ TEST(Decode, EachFormatGivesSizeColoursAndAlpha) {
         const auto bytes = encoded(format, test::quadrantImage(80, 60));
         EXPECT_EQ(ImageCodec::sniff(bytes.data(), bytes.size()), sniffed);
         EXPECT_EQ(ImageCodec::dimensions(bytes), (std::pair<int, int>{80, 60}));
-        const auto image = ImageCodec::decode(bytes);
-        ASSERT_TRUE(image && image->width == 80 && image->height == 60 && image->opaque) << int(sniffed);
-        for (const auto& [x, y, color] : {std::tuple{10, 10, RGBA{255, 0, 0}}, {70, 10, RGBA{0, 255, 0}}, {10, 50, RGBA{0, 0, 255}},
-                                          {70, 50, RGBA{255, 255, 255}}})
-            EXPECT_TRUE(test::near(test::colorAt(*image, x, y), color, tolerance)) << int(sniffed) << " " << x << "," << y;
+        for (const int shrink : {1, 4}) {  // whole, and shrunk while decoding
+            const auto image = ImageCodec::decode(bytes, 80 / shrink);
+            ASSERT_TRUE(image && image->width == 80 / shrink && image->height == 60 / shrink && image->opaque) << int(sniffed);
+            for (const auto& [x, y, color] : {std::tuple{10, 10, RGBA{255, 0, 0}}, {70, 10, RGBA{0, 255, 0}}, {10, 50, RGBA{0, 0, 255}},
+                                              {70, 50, RGBA{255, 255, 255}}})
+                EXPECT_TRUE(test::near(test::colorAt(*image, x / shrink, y / shrink), color, tolerance)) << int(sniffed) << " " << x << "," << y;
+        }
         if (format == ImageFileFormat::jpeg) continue;
         // Semi-transparent pixels come back premultiplied, alpha exact.
         const RGBA translucent{200, 100, 50, 128};
