@@ -16,8 +16,6 @@
 namespace mirel {
 namespace {
 
-using test::RGBA;
-
 constexpr Date kNow = 1717000000;  // 2024-05-29T16:26:40Z
 constexpr double kMin = 60, kHour = 3600, kDay = 86400;
 
@@ -54,12 +52,9 @@ protected:
         store.recordActivity(d, "resolved", " abc123 ", "claude", "d-2", kNow - 1.5 * kHour, std::nullopt, true);
         file({.id = "eeee0005", .createdAt = kNow - 40 * kDay, .note = "Old one", .status = CaptureStatus::archived,
               .priority = CapturePriority::low, .groupID = "g-bin"});
-        // A cover without image rows, in two colours whose channels all differ, so a swapped channel shows.
+        // A cover without image rows.
         const auto f = file({.id = "ffff0006", .createdAt = kNow - 10 * kDay, .imageBytes = 1000});
-        Image cover = test::solidImage(1600, 800, {200, 100, 50});
-        for (int y = 0; y < 800; ++y)
-            for (int x = 800; x < 1600; ++x) cover.pixels[y * 1600 + x] = 0xFF1EA0DC;  // (30, 160, 220)
-        write("2024/05/" + f + ".png", cover);
+        write("2024/05/" + f + ".png", test::quadrantImage(1600, 800));
     }
     void TearDown() override { Clock::pin(std::nullopt); }
 
@@ -239,13 +234,6 @@ TEST_F(ToolsTest, GetCaptureAttachesScreenshotsWithinABudgetOfEight) {
                                      {"5000", "1600x800"}})
         EXPECT_EQ(blocks(std::string(R"({"id":"ffff0006","max_image_edge":)") + edge + "}").back(),
                   std::string("<image ") + size + ">") << edge;
-
-    // The agent sees the colours as filed, on both sides of the edge.
-    const auto reply = call("get_capture", R"({"id":"ffff0006","max_image_edge":200})");
-    const auto picture = ImageCodec::decode(test::decodeBase64(reply.content.at(1).value("data", "")));
-    ASSERT_TRUE(picture);
-    EXPECT_TRUE(test::near(test::colorAt(*picture, 50, 50), RGBA{200, 100, 50}, 2));
-    EXPECT_TRUE(test::near(test::colorAt(*picture, 150, 50), RGBA{30, 160, 220}, 2));
 }
 
 TEST_F(ToolsTest, AConversationOfWorkToolsAndWhatItLeaves) {
