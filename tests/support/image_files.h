@@ -25,7 +25,7 @@ Image solidImage(int width, int height, RGBA color);
 
 // The image as the bytes of a file in the format: PNG as ImageCodec encodes it,
 // JPEG at quality 92, WebP lossy at quality 90 (with alpha if the image has
-// it). Throws std::runtime_error on failure.
+// it). Throws std::runtime_error on failure (JPEG: ends the program).
 std::vector<std::uint8_t> encodeImageFile(const Image& image, ImageFileFormat format);
 // Writes encodeImageFile's bytes.
 void writeImageFile(const std::filesystem::path& path, const Image& image, ImageFileFormat format);
