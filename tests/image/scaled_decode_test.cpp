@@ -106,37 +106,32 @@ std::pair<int, double> differences(const Image& a, const Image& b) {
 
 // ---- the resampler's ways of being fed ----
 
-struct FeedCase {
-    const char* name;
-    int width, height, toWidth, toHeight;
-    bool opaque;
-    bool tight;  // the decoder claims the whole budget, so only a window of rows is kept
-};
-
 // Rows go in one by one, as a decoder gives them; every way RowTarget can
 // work (whole source with helper threads, a window of rows, a window of rows
 // already narrowed) must give Lanczos-3 to within one level.
 TEST(ScaledDecode, EveryWayOfFeedingRowsMatchesTheReference) {
     using namespace ImageCodec::detail;
-    const FeedCase cases[] = {
+    // Name, size, size wanted, opaque, and whether the decoder claims the whole
+    // budget, so only a window of rows is kept.
+    const std::tuple<const char*, int, int, int, int, bool, bool> cases[] = {
         {"whole, with helpers", 1000, 1000, 400, 400, false, false},
         {"whole, small", 300, 200, 120, 80, true, false},
         {"window", 600, 400, 250, 167, false, true},
         {"window of narrowed rows", 250000, 17, 1400, 1, true, true},
         {"nothing to scale", 90, 60, 90, 60, false, false},
     };
-    for (const FeedCase& c : cases) {
-        const Image source = colouredImage(c.width, c.height, c.opaque);
-        RowTarget target(c.width, c.height, c.toWidth, c.toHeight, c.tight ? decodeBudget : 0);
-        EXPECT_EQ(target.whole() == nullptr, c.tight) << c.name;
-        for (int y = 0; y < c.height; ++y) {
-            std::memcpy(target.row(y), &source.pixels[static_cast<std::size_t>(y) * c.width],
-                        static_cast<std::size_t>(c.width) * 4);
+    for (const auto& [name, width, height, toWidth, toHeight, opaque, tight] : cases) {
+        const Image source = colouredImage(width, height, opaque);
+        RowTarget target(width, height, toWidth, toHeight, tight ? decodeBudget : 0);
+        EXPECT_EQ(target.whole() == nullptr, tight) << name;
+        for (int y = 0; y < height; ++y) {
+            std::memcpy(target.row(y), &source.pixels[static_cast<std::size_t>(y) * width],
+                        static_cast<std::size_t>(width) * 4);
             target.rowsDone(y + 1);
         }
-        const std::optional<Image> result = target.finish(c.opaque);
-        ASSERT_TRUE(result) << c.name;
-        EXPECT_LE(differences(*result, referenceResample(source, c.toWidth, c.toHeight)).first, 1) << c.name;
+        const std::optional<Image> result = target.finish(opaque);
+        ASSERT_TRUE(result) << name;
+        EXPECT_LE(differences(*result, referenceResample(source, toWidth, toHeight)).first, 1) << name;
     }
 }
 
@@ -179,14 +174,11 @@ TEST(ScaledDecode, AVX2KernelsGiveThePortableBytes) {
 
         // Columns: `to` rows of `from` pixels each, weighted by the first output's taps.
         const int count = std::min(table.count[0], 64);
-        std::vector<std::vector<std::uint8_t>> rows(static_cast<std::size_t>(count),
-                                                    std::vector<std::uint8_t>(static_cast<std::size_t>(from) * 4 + 3));
-        std::vector<const std::uint8_t*> pointers;
-        for (auto& r : rows) {
-            for (auto& byte : r) byte = static_cast<std::uint8_t>(random());
-            pointers.push_back(r.data());
-        }
         const std::size_t bytes = static_cast<std::size_t>(from) * 4 + 3;
+        std::vector<std::uint8_t> rows(static_cast<std::size_t>(count) * bytes);
+        for (auto& byte : rows) byte = static_cast<std::uint8_t>(random());
+        std::vector<const std::uint8_t*> pointers;
+        for (int i = 0; i < count; ++i) pointers.push_back(&rows[static_cast<std::size_t>(i) * bytes]);
         std::vector<std::uint8_t> columnsPortable(bytes), columnsFast(bytes);
         portableKernels().columns(pointers.data(), table.weights.data(), count, bytes, columnsPortable.data());
         avx2->columns(pointers.data(), table.weights.data(), count, bytes, columnsFast.data());
@@ -246,7 +238,8 @@ TEST(ScaledFile, JPEGsStandUprightByTheirEXIFOrientation) {
     // The quadrants as stored: red top-left, green top-right, blue bottom-left, white bottom-right.
     const RGBA red{255, 0, 0, 255}, green{0, 255, 0, 255}, blue{0, 0, 255, 255}, white{255, 255, 255, 255};
     const std::tuple<int, RGBA, RGBA> cases[] = {  // orientation, and the colours then top left and top right
-        {1, red, green}, {2, green, red}, {3, white, blue}, {4, blue, white}, {5, red, blue}, {6, blue, red}, {7, white, green}, {8, green, white}};
+        {1, red, green}, {2, green, red}, {3, white, blue}, {4, blue, white},
+        {5, red, blue},  {6, blue, red},  {7, white, green}, {8, green, white}};
     const auto plain = written(test::quadrantImage(160, 120), ImageFileFormat::jpeg);
     for (const auto& [orientation, topLeft, topRight] : cases) {
         // An APP1 segment of EXIF data: a big-endian TIFF whose one entry is the orientation.
@@ -258,7 +251,8 @@ TEST(ScaledFile, JPEGsStandUprightByTheirEXIFOrientation) {
             const auto image = ImageCodec::decode(jpeg, edge);
             ASSERT_TRUE(image) << orientation;
             const int longSide = edge ? 80 : 160, shortSide = edge ? 60 : 120;
-            EXPECT_EQ(std::pair(image->width, image->height), turned ? std::pair(shortSide, longSide) : std::pair(longSide, shortSide));
+            EXPECT_EQ(std::pair(image->width, image->height), turned ? std::pair(shortSide, longSide) : std::pair(longSide, shortSide))
+                << orientation;
             const int inset = image->width / 8;
             EXPECT_TRUE(test::near(test::colorAt(*image, inset, inset), topLeft, 16)) << orientation;
             EXPECT_TRUE(test::near(test::colorAt(*image, image->width - 1 - inset, inset), topRight, 16)) << orientation;
@@ -272,7 +266,8 @@ TEST(ScaledFile, JPEGsStandUprightByTheirEXIFOrientation) {
 std::vector<std::uint8_t> animatedWebP() {
     WebPAnimEncoderOptions options;
     WebPAnimEncoderOptionsInit(&options);
-    std::unique_ptr<WebPAnimEncoder, void (*)(WebPAnimEncoder*)> encoder(WebPAnimEncoderNew(80, 60, &options), WebPAnimEncoderDelete);
+    const std::unique_ptr<WebPAnimEncoder, void (*)(WebPAnimEncoder*)> encoder(WebPAnimEncoderNew(80, 60, &options),
+                                                                               WebPAnimEncoderDelete);
     WebPConfig config;
     WebPConfigInit(&config);
     for (int frame = 0; frame < 2; ++frame) {
