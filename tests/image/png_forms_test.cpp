@@ -78,9 +78,8 @@ bool writeRows(png_structp png, png_infop info, const Form* f, png_bytepp rows, 
                  PNG_COMPRESSION_TYPE_BASE, PNG_FILTER_TYPE_BASE);
     if (f->kind == palette) png_set_PLTE(png, info, colours, 1 << f->depth);
     if (f->transparency) png_set_tRNS(png, info, alphas, f->kind == palette ? 1 << f->depth : 0, key);
-    png_write_info(png, info);
-    png_write_image(png, rows);
-    png_write_end(png, info);
+    png_set_rows(png, info, rows);
+    png_write_png(png, info, PNG_TRANSFORM_IDENTITY, nullptr);
     return true;
 }
 
@@ -109,10 +108,8 @@ std::vector<std::uint8_t> writePNG(const Form& f) {
     }
     // Grey and RGB forms make the colour of pixel (0, 0) the transparent one.
     const auto keyed = pixelOf(f, 0, 0).samples;
-    png_color_16 key{};
-    key.gray = static_cast<png_uint_16>(keyed[0]);
-    key.red = static_cast<png_uint_16>(keyed[0]);
-    if (keyed.size() == 3) key.green = static_cast<png_uint_16>(keyed[1]), key.blue = static_cast<png_uint_16>(keyed[2]);
+    const auto sample = [&keyed](std::size_t i) { return static_cast<png_uint_16>(i < keyed.size() ? keyed[i] : 0); };
+    png_color_16 key{0, sample(0), sample(1), sample(2), sample(0)};  // index, red, green, blue, grey
     Writer writer;
     std::string out;
     if (!writer.info || !writeRows(writer.png, writer.info, &f, rows.data(), colours.data(), alphas.data(), &key, &out)) {
@@ -133,8 +130,7 @@ TEST(PNGForms, EveryColourTypeDepthAndInterlaceReadsBackExactly) {
                                  (f.transparency ? " tRNS" : "") + (f.interlaced ? " Adam7" : "");
         const auto image = ImageCodec::decode(writePNG(f));
         ASSERT_TRUE(image) << name;
-        ASSERT_EQ(image->width, width) << name;
-        ASSERT_EQ(image->height, height) << name;
+        ASSERT_EQ(std::pair(image->width, image->height), std::pair(width, height)) << name;
         const auto keyed = pixelOf(f, 0, 0).samples;
         bool opaque = true;
         for (int y = 0; y < height; ++y) {
