@@ -24,24 +24,6 @@ namespace {
 using test::ImageFileFormat;
 using test::RGBA;
 
-// Every channel its own pattern (so a swapped channel shows), sharp steps like
-// text, fine texture, and, unless opaque, an alpha ramp with a clear band.
-Image colouredImage(int width, int height, bool opaque) {
-    Image image{width, height, std::vector<std::uint32_t>(static_cast<std::size_t>(width) * height), opaque};
-    for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-            const std::uint32_t r = static_cast<std::uint32_t>(x * 255 / std::max(1, width - 1));
-            const std::uint32_t g = (y / 7) % 2 ? 230 : static_cast<std::uint32_t>(y * 200 / std::max(1, height - 1));
-            const std::uint32_t b = static_cast<std::uint32_t>((x * 7 + y * 13) ^ (x * y)) & 0xff;
-            std::uint32_t a = 255;
-            if (!opaque) a = (x / 16) % 5 == 0 ? 0 : 64 + static_cast<std::uint32_t>(y * 191 / std::max(1, height - 1));
-            auto times = [a](std::uint32_t c) { return (c * a + 127) / 255; };
-            image.pixels[static_cast<std::size_t>(y) * width + x] = (a << 24) | (times(r) << 16) | (times(g) << 8) | times(b);
-        }
-    }
-    return image;
-}
-
 // Lanczos-3 by its definition, in doubles, columns then rows; only the
 // in-between values are kept to the byte range, as any 8-bit pipeline must.
 Image referenceResample(const Image& in, int toWidth, int toHeight) {
@@ -121,7 +103,7 @@ TEST(ScaledDecode, EveryWayOfFeedingRowsMatchesTheReference) {
         {"nothing to scale", 90, 60, 90, 60, false, false},
     };
     for (const auto& [name, width, height, toWidth, toHeight, opaque, tight] : cases) {
-        const Image source = colouredImage(width, height, opaque);
+        const Image source = test::patternImage(width, height, opaque);
         RowTarget target(width, height, toWidth, toHeight, tight ? decodeBudget : 0);
         EXPECT_EQ(target.whole() == nullptr, tight) << name;
         for (int y = 0; y < height; ++y) {
@@ -142,7 +124,7 @@ TEST(ScaledDecode, ResamplingAWholeImageMatchesTheReference) {
                             {40000, 2, 300, 1}, {41, 23, 13, 7}, {5, 3, 17, 9}, {41, 23, 41, 9}, {41, 23, 18, 23}};
     for (const auto& [fromWidth, fromHeight, toWidth, toHeight] : sizes) {
         for (const bool opaque : {true, false}) {
-            const Image source = colouredImage(fromWidth, fromHeight, opaque);
+            const Image source = test::patternImage(fromWidth, fromHeight, opaque);
             const auto result = ImageCodec::resample(source, toWidth, toHeight);
             ASSERT_TRUE(result);
             EXPECT_EQ(result->opaque, opaque);
@@ -197,7 +179,7 @@ std::vector<std::uint8_t> written(const Image& image, ImageFileFormat format) { 
 
 TEST(ScaledFile, PNGDecodedSmallerMatchesTheReferenceOnTheFullDecode) {
     for (const bool opaque : {true, false}) {
-        const auto png = written(colouredImage(800, 500, opaque), ImageFileFormat::png);
+        const auto png = written(test::patternImage(800, 500, opaque), ImageFileFormat::png);
         const auto full = ImageCodec::decode(png);
         const auto small = ImageCodec::decode(png, 300);
         ASSERT_TRUE(full && small);

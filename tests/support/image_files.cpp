@@ -76,6 +76,22 @@ Image solidImage(int width, int height, RGBA c) {
     return Image{width, height, std::vector<std::uint32_t>(static_cast<std::size_t>(width) * height, word), c.a == 255};
 }
 
+Image patternImage(int width, int height, bool opaque) {
+    Image image{width, height, std::vector<std::uint32_t>(static_cast<std::size_t>(width) * height), opaque};
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            const std::uint32_t r = static_cast<std::uint32_t>(x * 255 / std::max(1, width - 1));
+            const std::uint32_t g = (y / 7) % 2 ? 230 : static_cast<std::uint32_t>(y * 200 / std::max(1, height - 1));
+            const std::uint32_t b = static_cast<std::uint32_t>((x * 7 + y * 13) ^ (x * y)) & 0xff;
+            std::uint32_t a = 255;
+            if (!opaque) a = (x / 16) % 5 == 0 ? 0 : 64 + static_cast<std::uint32_t>(y * 191 / std::max(1, height - 1));
+            auto times = [a](std::uint32_t c) { return (c * a + 127) / 255; };
+            image.pixels[static_cast<std::size_t>(y) * width + x] = (a << 24) | (times(r) << 16) | (times(g) << 8) | times(b);
+        }
+    }
+    return image;
+}
+
 std::vector<std::uint8_t> encodeImageFile(const Image& image, ImageFileFormat format) {
     switch (format) {
         case ImageFileFormat::png: {

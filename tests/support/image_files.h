@@ -22,6 +22,10 @@ struct RGBA {
 Image quadrantImage(int width, int height);
 // One colour all over, alpha included (stored premultiplied, as Image is).
 Image solidImage(int width, int height, RGBA color);
+// Every channel its own pattern (so a swapped channel or a moved pixel shows),
+// sharp steps like text, fine texture, and, unless opaque, an alpha ramp with a
+// clear band.
+Image patternImage(int width, int height, bool opaque = true);
 
 // The image as the bytes of a file in the format: PNG as ImageCodec encodes it,
 // JPEG at quality 92, WebP lossy at quality 90 (with alpha if the image has
