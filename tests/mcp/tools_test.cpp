@@ -54,7 +54,7 @@ protected:
               .priority = CapturePriority::low, .groupID = "g-bin"});
         // A cover without image rows.
         const auto f = file({.id = "ffff0006", .createdAt = kNow - 10 * kDay, .imageBytes = 1000});
-        write("2024/05/" + f + ".png", test::quadrantImage(1600, 800));
+        write("2024/05/" + f + ".png", 1600, 800);
     }
     void TearDown() override { Clock::pin(std::nullopt); }
 
@@ -74,12 +74,13 @@ protected:
         CaptureImage row = test::makeImage(captureID, -1);
         row.id = id, row.imagePath = "2024/05/" + id + ".png";
         if (marked) row.annotatedPath = "2024/05/" + id + "-marked.png", row.annotationJSON = kMark;
-        if (width > 0) write(row.annotatedPath.value_or(row.imagePath), test::quadrantImage(width, height));
+        if (width > 0) write(row.annotatedPath.value_or(row.imagePath), width, height);
         store.addImage(row);
     }
-    static void write(const std::string& relative, const Image& picture) {
+    // A quadrant picture of that size as a PNG.
+    static void write(const std::string& relative, int width, int height) {
         MirelPaths::ensureParentDirectory(MirelPaths::imageURL(relative));
-        test::writeImageFile(MirelPaths::imageURL(relative), picture, test::ImageFileFormat::png);
+        test::writeImageFile(MirelPaths::imageURL(relative), width, height, test::ImageFileFormat::png);
     }
 
     ToolResult call(const std::string& tool, const std::string& arguments) {
@@ -113,12 +114,10 @@ TEST_F(ToolsTest, ListCapturesFiltersForgivinglyAndClampsTheLimit) {
         {R"({})", active}, {R"({"status":["open","nonsense"]})", "aaaa0001 bbbb0002 ffff0006"}, {R"({"status":"archived"})", "eeee0005"},
         {R"({"status":["resolved","archived"]})", "dddd0004 eeee0005"}, {R"({"status":["resolved",3]})", active},
         {R"({"status":"OPEN","unknown":1})", active}, {R"({"limit":0})", "aaaa0001"}, {R"({"limit":-1e300})", "aaaa0001"},
-        {R"({"limit":2.0})", "aaaa0001 bbbb0002"}, {R"({"limit":2.5})", active}, {R"({"limit":"2"})", active},
-        {R"({"limit":18446744073709551615})", active}, {R"({"group":"CHECKOUT flow","status":["open","resolved"]})", "aaaa0001 dddd0004"},
-        {R"({"group":""})", active}, {R"({"tag":"Ui"})", "aaaa0001"}, {R"({"tag":["ui"]})", active},
-        {R"({"priority":"low","status":"archived"})", "eeee0005"}, {R"({"priority":"LOW"})", active}, {R"({"search":"inbox"})", "cccc0003"},
-        {R"({"search":"shop.test"})", "aaaa0001"}, {R"({"search":"Mail"})", "cccc0003"}, {R"({"search":"Typ_d"})", "bbbb0002"},
-        {R"({"search":"%"})", active},
+        {R"({"limit":2.0})", "aaaa0001 bbbb0002"}, {R"({"limit":18446744073709551615})", active}, {R"({"group":""})", active},
+        {R"({"group":"CHECKOUT flow","status":["open","resolved"]})", "aaaa0001 dddd0004"}, {R"({"tag":"Ui"})", "aaaa0001"},
+        {R"({"tag":["ui"]})", active}, {R"({"priority":"low","status":"archived"})", "eeee0005"}, {R"({"priority":"LOW"})", active},
+        {R"({"search":"inbox"})", "cccc0003"}, {R"({"search":"shop.test"})", "aaaa0001"}, {R"({"search":"Mail"})", "cccc0003"},
         {R"({"group":"nowhere","status":["archived","open","archived"]})",
          "No captures match (status: Archived / Open / Archived). The board is clear."},
         {R"({"group":"nowhere","status":7})", "No captures match (status: Open / In Progress). The board is clear."},
@@ -190,7 +189,6 @@ TEST_F(ToolsTest, RepliesOnTheBoard) {
         {"comment_on_capture", R"({"id":"zzz"})", "Missing required parameter `body`."},
         {"comment_on_capture", R"({"id":"aaaa","body":" \n\t"})", "Missing required parameter `body`."},
         {"comment_on_capture", R"({"body":"hi"})", "Missing required parameter `id`."},
-        {"Claim_Capture", R"({})", "Unknown tool: Claim_Capture"},
     };
     for (const auto& [tool, arguments, expected] : failures) {
         const ToolResult result = call(tool, arguments);
@@ -207,8 +205,7 @@ TEST_F(ToolsTest, GetCaptureAttachesScreenshotsWithinABudgetOfEight) {
         std::vector<std::string> out;
         for (const auto& block : call("get_capture", arguments).content) {
             const std::string text = block.value("text", "");
-            const auto png = test::decodeBase64(block.value("data", ""));
-            const auto picture = ImageCodec::decode(png);
+            const auto picture = ImageCodec::decode(test::decodeBase64(block.value("data", "")));
             out.push_back(block["type"] == "text" ? expand(text.substr(0, text.find('\n')))
                           : picture ? "<image " + std::to_string(picture->width) + "x" + std::to_string(picture->height) + ">"
                                     : "<bad image>");

@@ -105,13 +105,9 @@ std::vector<std::uint8_t> encodeImageFile(const Image& image, ImageFileFormat fo
     return {};
 }
 
-void writeImageFile(const std::filesystem::path& path, const Image& image, ImageFileFormat format) {
-    const auto bytes = encodeImageFile(image, format);
-    writeBytes(path, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
-}
-
 void writeImageFile(const std::filesystem::path& path, int width, int height, ImageFileFormat format) {
-    writeImageFile(path, quadrantImage(width, height), format);
+    const auto bytes = encodeImageFile(quadrantImage(width, height), format);
+    writeBytes(path, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
 }
 
 void writeBytes(const std::filesystem::path& path, std::string_view bytes) {

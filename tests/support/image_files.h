@@ -31,9 +31,7 @@ Image patternImage(int width, int height, bool opaque = true);
 // JPEG at quality 92, WebP lossy at quality 90 (with alpha if the image has
 // it). Throws std::runtime_error on failure (JPEG: ends the program).
 std::vector<std::uint8_t> encodeImageFile(const Image& image, ImageFileFormat format);
-// Writes encodeImageFile's bytes.
-void writeImageFile(const std::filesystem::path& path, const Image& image, ImageFileFormat format);
-// The quadrant picture of that size.
+// Writes encodeImageFile's bytes of the quadrant picture of that size.
 void writeImageFile(const std::filesystem::path& path, int width, int height, ImageFileFormat format);
 // Any bytes, e.g. a cut-off image or text under an image's name.
 void writeBytes(const std::filesystem::path& path, std::string_view bytes);
