@@ -79,22 +79,19 @@ bool writeRows(png_structp png, png_infop info, const Form* f, png_bytepp rows, 
     if (f->kind == palette) png_set_PLTE(png, info, colours, 1 << f->depth);
     if (f->transparency) png_set_tRNS(png, info, alphas, f->kind == palette ? 1 << f->depth : 0, key);
     png_set_rows(png, info, rows);
-    png_write_png(png, info, PNG_TRANSFORM_IDENTITY, nullptr);
+    png_write_png(png, info, PNG_TRANSFORM_PACKING, nullptr);
     return true;
 }
 
 std::vector<std::uint8_t> writePNG(const Form& f) {
-    const int channels = f.kind == rgb ? 3 : f.kind == greyAlpha ? 2 : f.kind == rgba ? 4 : 1;
-    const std::size_t rowBytes = (static_cast<std::size_t>(width) * channels * f.depth + 7) / 8;
-    std::vector<std::vector<png_byte>> data(height, std::vector<png_byte>(rowBytes));
+    // One byte a sample below 16 bits: libpng packs low depths itself.
+    std::vector<std::vector<png_byte>> data(height);
     std::vector<png_bytep> rows;
     for (int y = 0; y < height; ++y) {
-        std::size_t bit = 0;
         for (int x = 0; x < width; ++x) {
             for (unsigned s : pixelOf(f, x, y).samples) {
-                if (f.depth == 16) data[y][bit / 8] = static_cast<png_byte>(s >> 8), data[y][bit / 8 + 1] = static_cast<png_byte>(s);
-                else data[y][bit / 8] |= static_cast<png_byte>(s << (8 - f.depth - bit % 8));
-                bit += static_cast<std::size_t>(f.depth);
+                if (f.depth == 16) data[y].push_back(static_cast<png_byte>(s >> 8));
+                data[y].push_back(static_cast<png_byte>(s));
             }
         }
         rows.push_back(data[y].data());
