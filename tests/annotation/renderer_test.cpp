@@ -18,7 +18,6 @@ AnnotationShape shape(AnnotationTool tool, std::vector<AnnotationPoint> points, 
                       const char* color = "#0A84FF") {
     return {"s", tool, color, width, std::move(points)};
 }
-RGBA rgb(std::uint32_t hex) { return {int(hex >> 16), int(hex >> 8 & 0xFF), int(hex & 0xFF)}; }
 TEST(ColorFromHex, ReadsBase16AndFallsBackToPaletteRed) {
     const std::pair<const char*, std::uint32_t> rows[] = {
         {"#ff3b30", 0xFF3B30}, {" \t#0A84FF ", 0x0A84FF}, {"80FF0000", 0xFF0000}, {"+34c759", 0x34C759}, {"-0", 0},
@@ -62,7 +61,8 @@ TEST(AnnotationRenderer, EachToolDrawsWhereAndHowItShould) {
         ASSERT_TRUE(result) << rawValue(row.shape.tool);
         EXPECT_TRUE(result->opaque);
         for (const auto& [x, y, hex] : row.probes)
-            EXPECT_TRUE(test::near(test::colorAt(*result, x, y), rgb(hex), 2)) << rawValue(row.shape.tool) << " at " << x << "," << y;
+            EXPECT_TRUE(test::near(test::colorAt(*result, x, y), {int(hex >> 16), int(hex >> 8 & 0xFF), int(hex & 0xFF)}, 2))
+                << rawValue(row.shape.tool) << " at " << x << "," << y;
     }
 }
 

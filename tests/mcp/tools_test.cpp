@@ -173,8 +173,7 @@ TEST_F(ToolsTest, RepliesOnTheBoard) {
     };
     for (const auto& [tool, arguments, expected] : replies) {
         const ToolResult result = call(tool, arguments);
-        EXPECT_EQ(text(result), expand(expected)) << tool << " " << arguments;
-        EXPECT_FALSE(result.isError) << tool << " " << arguments;
+        EXPECT_EQ(std::pair(text(result), result.isError), std::pair(expand(expected), false)) << tool << " " << arguments;
     }
     const auto noMatch = [](const std::string& id) {
         return "No capture matches id “" + id + "”. It may have been deleted, or the prefix may match more than one capture — "
@@ -192,8 +191,7 @@ TEST_F(ToolsTest, RepliesOnTheBoard) {
     };
     for (const auto& [tool, arguments, expected] : failures) {
         const ToolResult result = call(tool, arguments);
-        EXPECT_EQ(text(result), expected) << tool << " " << arguments;
-        EXPECT_TRUE(result.isError) << tool << " " << arguments;
+        EXPECT_EQ(std::pair(text(result), result.isError), std::pair(expected, true)) << tool << " " << arguments;
     }
 }
 
@@ -258,8 +256,7 @@ TEST_F(ToolsTest, AConversationOfWorkToolsAndWhatItLeaves) {
     for (const auto& [tool, arguments, expected] : rows) {
         Clock::pin(kNow + ++minute * kMin);
         const ToolResult result = call(tool, arguments);
-        EXPECT_EQ(text(result), expected) << tool << " " << arguments;
-        EXPECT_FALSE(result.isError) << tool << " " << arguments;
+        EXPECT_EQ(std::pair(text(result), result.isError), std::pair(expected, false)) << tool << " " << arguments;
     }
     // Every comment a tool writes is marked as an agent's.
     for (const Comment& comment : store.comments(idOf("bbbb0002"))) EXPECT_TRUE(comment.isAgent) << comment.body;
