@@ -64,16 +64,14 @@ struct Writer {
     ~Writer() { png_destroy_write_struct(&png, &info); }
 };
 
-void appendBytes(png_structp png, png_bytep data, png_size_t size) {
-    auto* out = static_cast<std::string*>(png_get_io_ptr(png));
-    out->append(reinterpret_cast<const char*>(data), size);
-}
-
 // libpng reports errors by longjmp: nothing with a destructor lives in this frame.
 bool writeRows(png_structp png, png_infop info, const Form* f, png_bytepp rows, png_colorp colours, png_bytep alphas,
                png_color_16p key, std::string* out) {
     if (setjmp(png_jmpbuf(png))) return false;
-    png_set_write_fn(png, out, appendBytes, nullptr);
+    const auto append = [](png_structp png, png_bytep data, png_size_t size) {
+        static_cast<std::string*>(png_get_io_ptr(png))->append(reinterpret_cast<const char*>(data), size);
+    };
+    png_set_write_fn(png, out, append, nullptr);
     png_set_IHDR(png, info, width, height, f->depth, f->kind, f->interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
                  PNG_COMPRESSION_TYPE_BASE, PNG_FILTER_TYPE_BASE);
     if (f->kind == palette) png_set_PLTE(png, info, colours, 1 << f->depth);
