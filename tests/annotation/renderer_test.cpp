@@ -58,8 +58,7 @@ TEST(AnnotationRenderer, EachToolDrawsWhereAndHowItShould) {
         for (int y = 0; y < row.height; ++y)
             for (int x = row.width * 7 / 10; x < row.width; ++x) source.pixels[y * row.width + x] = 0xFF000000;  // a black side
         const auto result = AnnotationRenderer::render(Annotation{{row.shape}}, source);
-        ASSERT_TRUE(result) << rawValue(row.shape.tool);
-        EXPECT_TRUE(result->opaque);
+        ASSERT_TRUE(result && result->opaque) << rawValue(row.shape.tool);
         for (const auto& [x, y, hex] : row.probes)
             EXPECT_TRUE(test::near(test::colorAt(*result, x, y), {int(hex >> 16), int(hex >> 8 & 0xFF), int(hex & 0xFF)}, 2))
                 << rawValue(row.shape.tool) << " at " << x << "," << y;
