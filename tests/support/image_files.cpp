@@ -1,7 +1,6 @@
 #include "tests/support/image_files.h"
 
 #include <algorithm>
-#include <csetjmp>
 #include <cstdlib>
 #include <cstdio>
 #include <fstream>
@@ -17,45 +16,31 @@ namespace mirel::test {
 
 namespace {
 
-std::uint32_t premultiplied(RGBA c) {
-    auto mul = [&](int v) { return static_cast<std::uint32_t>((v * c.a + 127) / 255); };
-    return (static_cast<std::uint32_t>(c.a) << 24) | (mul(c.r) << 16) | (mul(c.g) << 8) | mul(c.b);
-}
-
-struct JpegErrors {
-    jpeg_error_mgr base;
-    std::jmp_buf jump;
-};
-
-[[noreturn]] void jpegFail(j_common_ptr info) { std::longjmp(reinterpret_cast<JpegErrors*>(info->err)->jump, 1); }
-
-// Nothing with a destructor lives in this frame: libjpeg errors jump back here.
-bool compressJPEG(unsigned char** out, unsigned long* size, const Image* image, int quality) {
+// libjpeg's own error handler ends the program; it is only ever given pictures it can write.
+std::vector<std::uint8_t> encodeJPEG(const Image& image) {
     jpeg_compress_struct info{};
-    JpegErrors errors{};
-    info.err = jpeg_std_error(&errors.base);
-    errors.base.error_exit = jpegFail;
-    if (setjmp(errors.jump)) {
-        jpeg_destroy_compress(&info);
-        return false;
-    }
+    jpeg_error_mgr errors{};
+    info.err = jpeg_std_error(&errors);
     jpeg_create_compress(&info);
-    jpeg_mem_dest(&info, out, size);
-    info.image_width = static_cast<JDIMENSION>(image->width);
-    info.image_height = static_cast<JDIMENSION>(image->height);
+    unsigned char* out = nullptr;
+    unsigned long size = 0;
+    jpeg_mem_dest(&info, &out, &size);
+    info.image_width = static_cast<JDIMENSION>(image.width);
+    info.image_height = static_cast<JDIMENSION>(image.height);
     info.input_components = 4;
     info.in_color_space = JCS_EXT_BGRX;  // native ARGB words on little-endian machines
     jpeg_set_defaults(&info);
-    jpeg_set_quality(&info, quality, TRUE);
+    jpeg_set_quality(&info, 92, TRUE);
     jpeg_start_compress(&info, TRUE);
     while (info.next_scanline < info.image_height) {
         auto* row = const_cast<JSAMPROW>(
-            reinterpret_cast<const JSAMPLE*>(image->pixels.data() + std::size_t{info.next_scanline} * image->width));
+            reinterpret_cast<const JSAMPLE*>(image.pixels.data() + std::size_t{info.next_scanline} * image.width));
         jpeg_write_scanlines(&info, &row, 1);
     }
     jpeg_finish_compress(&info);
     jpeg_destroy_compress(&info);
-    return true;
+    const std::unique_ptr<unsigned char, void (*)(void*)> owner(out, std::free);
+    return {out, out + size};
 }
 
 std::vector<std::uint8_t> encodeWebP(const Image& image) {
@@ -85,9 +70,26 @@ Image quadrantImage(int width, int height) {
     return image;
 }
 
-Image solidImage(int width, int height, RGBA color) {
-    return Image{width, height, std::vector<std::uint32_t>(static_cast<std::size_t>(width) * height, premultiplied(color)),
-                 color.a == 255};
+Image solidImage(int width, int height, RGBA c) {
+    auto times = [&](int v) { return static_cast<std::uint32_t>((v * c.a + 127) / 255); };
+    const std::uint32_t word = (static_cast<std::uint32_t>(c.a) << 24) | (times(c.r) << 16) | (times(c.g) << 8) | times(c.b);
+    return Image{width, height, std::vector<std::uint32_t>(static_cast<std::size_t>(width) * height, word), c.a == 255};
+}
+
+Image patternImage(int width, int height, bool opaque) {
+    Image image{width, height, std::vector<std::uint32_t>(static_cast<std::size_t>(width) * height), opaque};
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            const std::uint32_t r = static_cast<std::uint32_t>(x * 255 / std::max(1, width - 1));
+            const std::uint32_t g = (y / 7) % 2 ? 230 : static_cast<std::uint32_t>(y * 200 / std::max(1, height - 1));
+            const std::uint32_t b = static_cast<std::uint32_t>((x * 7 + y * 13) ^ (x * y)) & 0xff;
+            std::uint32_t a = 255;
+            if (!opaque) a = (x / 16) % 5 == 0 ? 0 : 64 + static_cast<std::uint32_t>(y * 191 / std::max(1, height - 1));
+            auto times = [a](std::uint32_t c) { return (c * a + 127) / 255; };
+            image.pixels[static_cast<std::size_t>(y) * width + x] = (a << 24) | (times(r) << 16) | (times(g) << 8) | times(b);
+        }
+    }
+    return image;
 }
 
 std::vector<std::uint8_t> encodeImageFile(const Image& image, ImageFileFormat format) {
@@ -97,26 +99,15 @@ std::vector<std::uint8_t> encodeImageFile(const Image& image, ImageFileFormat fo
             if (!png) throw std::runtime_error("PNG encoding failed");
             return std::move(*png);
         }
-        case ImageFileFormat::jpeg: {
-            unsigned char* out = nullptr;
-            unsigned long size = 0;
-            const bool done = compressJPEG(&out, &size, &image, 92);
-            std::unique_ptr<unsigned char, void (*)(void*)> owner(out, std::free);
-            if (!done) throw std::runtime_error("JPEG encoding failed");
-            return {out, out + size};
-        }
+        case ImageFileFormat::jpeg: return encodeJPEG(image);
         case ImageFileFormat::webp: return encodeWebP(image);
     }
     return {};
 }
 
-void writeImageFile(const std::filesystem::path& path, const Image& image, ImageFileFormat format) {
-    const auto bytes = encodeImageFile(image, format);
-    writeBytes(path, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
-}
-
 void writeImageFile(const std::filesystem::path& path, int width, int height, ImageFileFormat format) {
-    writeImageFile(path, quadrantImage(width, height), format);
+    const auto bytes = encodeImageFile(quadrantImage(width, height), format);
+    writeBytes(path, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
 }
 
 void writeBytes(const std::filesystem::path& path, std::string_view bytes) {

@@ -22,14 +22,16 @@ struct RGBA {
 Image quadrantImage(int width, int height);
 // One colour all over, alpha included (stored premultiplied, as Image is).
 Image solidImage(int width, int height, RGBA color);
+// Every channel its own pattern (so a swapped channel or a moved pixel shows),
+// sharp steps like text, fine texture, and, unless opaque, an alpha ramp with a
+// clear band.
+Image patternImage(int width, int height, bool opaque = true);
 
 // The image as the bytes of a file in the format: PNG as ImageCodec encodes it,
 // JPEG at quality 92, WebP lossy at quality 90 (with alpha if the image has
-// it). Throws std::runtime_error on failure.
+// it). Throws std::runtime_error on failure (JPEG: ends the program).
 std::vector<std::uint8_t> encodeImageFile(const Image& image, ImageFileFormat format);
-// Writes encodeImageFile's bytes.
-void writeImageFile(const std::filesystem::path& path, const Image& image, ImageFileFormat format);
-// The quadrant picture of that size.
+// Writes encodeImageFile's bytes of the quadrant picture of that size.
 void writeImageFile(const std::filesystem::path& path, int width, int height, ImageFileFormat format);
 // Any bytes, e.g. a cut-off image or text under an image's name.
 void writeBytes(const std::filesystem::path& path, std::string_view bytes);
