@@ -3,12 +3,12 @@
 // and Adam7 interlacing.
 #include <gtest/gtest.h>
 #include <png.h>
-#include <zlib.h>
 
 #include <string>
 #include <vector>
 
 #include "core/image/image.h"
+#include "tests/support/image_files.h"
 
 namespace mirel {
 namespace {
@@ -141,26 +141,9 @@ TEST(PNGForms, EveryColourTypeDepthAndInterlaceReadsBackExactly) {
     }
 }
 
-// A 4×4 interlaced RGB file built by hand around the given filtered rows, so
-// that they can be damaged.
+// A 4×4 interlaced RGB file around the given filtered rows.
 std::vector<std::uint8_t> interlacedFile(const std::vector<std::uint8_t>& rows) {
-    std::vector<std::uint8_t> out{0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
-    const auto chunk = [&out](const char* type, const std::vector<std::uint8_t>& data) {
-        for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(data.size() >> shift));
-        const std::size_t start = out.size();
-        out.insert(out.end(), type, type + 4);
-        out.insert(out.end(), data.begin(), data.end());
-        const uLong crc = crc32(0, out.data() + start, static_cast<uInt>(out.size() - start));
-        for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(crc >> shift));
-    };
-    chunk("IHDR", {0, 0, 0, 4, 0, 0, 0, 4, 8, 2, 0, 0, 1});
-    uLongf size = compressBound(rows.size());
-    std::vector<std::uint8_t> packed(size);
-    compress(packed.data(), &size, rows.data(), rows.size());
-    packed.resize(size);
-    chunk("IDAT", packed);
-    chunk("IEND", {});
-    return out;
+    return test::pngFromRows(4, 4, PNG_COLOR_TYPE_RGB, true, rows);
 }
 
 TEST(PNGForms, AnInterlacedImageWithAMissingOrBadRowIsRefused) {

@@ -11,6 +11,7 @@
 
 #include <jpeglib.h>
 #include <webp/encode.h>
+#include <zlib.h>
 
 namespace mirel::test {
 
@@ -150,6 +151,33 @@ RGBA colorAt(const Image& image, int x, int y) {
 bool near(RGBA a, RGBA b, int tolerance) {
     return std::abs(a.r - b.r) <= tolerance && std::abs(a.g - b.g) <= tolerance &&
            std::abs(a.b - b.b) <= tolerance && std::abs(a.a - b.a) <= tolerance;
+}
+
+std::vector<std::uint8_t> pngFromRows(int width, int height, int colorType, bool interlaced,
+                                      const std::vector<std::uint8_t>& rows) {
+    std::vector<std::uint8_t> out{0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+    const auto bigEndian = [](std::vector<std::uint8_t>& to, std::uint32_t value) {
+        for (int shift = 24; shift >= 0; shift -= 8) to.push_back(static_cast<std::uint8_t>(value >> shift));
+    };
+    const auto chunk = [&](const char* type, const std::vector<std::uint8_t>& data) {
+        bigEndian(out, static_cast<std::uint32_t>(data.size()));
+        const std::size_t start = out.size();
+        out.insert(out.end(), type, type + 4);
+        out.insert(out.end(), data.begin(), data.end());
+        bigEndian(out, static_cast<std::uint32_t>(crc32(0, out.data() + start, static_cast<uInt>(out.size() - start))));
+    };
+    std::vector<std::uint8_t> header;
+    bigEndian(header, static_cast<std::uint32_t>(width));
+    bigEndian(header, static_cast<std::uint32_t>(height));
+    header.insert(header.end(), {8, static_cast<std::uint8_t>(colorType), 0, 0, static_cast<std::uint8_t>(interlaced)});
+    chunk("IHDR", header);
+    uLongf size = compressBound(rows.size());
+    std::vector<std::uint8_t> packed(size);
+    if (compress2(packed.data(), &size, rows.data(), rows.size(), 1) != Z_OK) throw std::runtime_error("zlib failed");
+    packed.resize(size);
+    chunk("IDAT", packed);
+    chunk("IEND", {});
+    return out;
 }
 
 }  // namespace mirel::test

@@ -31,6 +31,11 @@ Image patternImage(int width, int height, bool opaque = true);
 // JPEG at quality 92, WebP lossy at quality 90 (with alpha if the image has
 // it). Throws std::runtime_error on failure (JPEG: ends the program).
 std::vector<std::uint8_t> encodeImageFile(const Image& image, ImageFileFormat format);
+// A PNG built by hand around `rows`, already filtered (a filter byte before
+// each row, or each row of each Adam7 pass when `interlaced`), for files our
+// encoder never writes: RGBA without transparency, interlacing, damaged rows.
+std::vector<std::uint8_t> pngFromRows(int width, int height, int colorType, bool interlaced,
+                                      const std::vector<std::uint8_t>& rows);
 // Writes encodeImageFile's bytes of the quadrant picture of that size.
 void writeImageFile(const std::filesystem::path& path, int width, int height, ImageFileFormat format);
 // Any bytes, e.g. a cut-off image or text under an image's name.
