@@ -1,13 +1,12 @@
 // Device sign-in as a client and a browser see it, and what a client can't
 // see: the token never rests in the data folder.
+#include "tests/support/image_files.h"
 #include "tests/support/server_process.h"
 
 #include "core/sync/content_hash.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 
 namespace mirel::test {
 namespace {
@@ -36,11 +35,7 @@ protected:
     std::string dataFolderBytes() {
         std::string all;
         for (const auto& entry : std::filesystem::directory_iterator(server.data())) {
-            if (!entry.is_regular_file()) continue;
-            std::ifstream in(entry.path(), std::ios::binary);
-            std::ostringstream bytes;
-            bytes << in.rdbuf();
-            all += bytes.str();
+            if (entry.is_regular_file()) all += readBytes(entry.path());
         }
         return all;
     }

@@ -86,24 +86,9 @@ TEST_F(DatabaseTest, KeptStatementsBehaveAsFreshOnes) {
     EXPECT_EQ(db.query("SELECT count(*) AS n FROM u;").at(0).intValue("n"), 600);
 }
 
-TEST_F(DatabaseTest, ATransactionCommitsWholeOrNotAtAll) {
-    EXPECT_EQ(db.transaction([&] { return db.execute("INSERT INTO t (x) VALUES (1), (2)"); }), 2);
-    EXPECT_THROW(db.transaction([&] {
-        db.execute("INSERT INTO t (x) VALUES (3)");
-        throw std::runtime_error("body failed");
-    }),
-                 std::runtime_error);
-    // A failing commit rolls back.
-    db.executeRaw("CREATE TABLE p (id PRIMARY KEY); CREATE TABLE c (p REFERENCES p(id) DEFERRABLE INITIALLY DEFERRED);");
-    EXPECT_EQ(failure([&] { db.transaction([&] { db.execute("INSERT INTO t (x) VALUES (4); "), db.execute("INSERT INTO c VALUES (1)"); }); }),
-              "2|FOREIGN KEY constraint failed|COMMIT;");
-    EXPECT_EQ(xs(), "1,2");
-}
-
-TEST_F(DatabaseTest, TransactionsNestAndActionsWaitForTheOutermostCommit) {
+TEST_F(DatabaseTest, TransactionsCommitWholeNestAndActionsWaitForTheOutermostCommit) {
     std::vector<std::string> ran;
     const auto action = [&](const char* name) { db.afterCommit([&ran, name] { ran.push_back(name); }); };
-    db.executeRaw("DELETE FROM t;");
     db.transaction([&] {
         db.execute("INSERT INTO t (x) VALUES (1)");
         action("outer");
@@ -114,10 +99,11 @@ TEST_F(DatabaseTest, TransactionsNestAndActionsWaitForTheOutermostCommit) {
             throw std::runtime_error("inner");
         }),
                      std::runtime_error);
-        db.transaction([&] {
-            db.execute("INSERT INTO t (x) VALUES (3)");
+        EXPECT_EQ(db.transaction([&] {
             action("inner");
-        });
+            return db.execute("INSERT INTO t (x) VALUES (3)");
+        }),
+                  1);
         EXPECT_TRUE(ran.empty());
     });
     EXPECT_EQ(xs(), "1,3");
@@ -132,6 +118,11 @@ TEST_F(DatabaseTest, TransactionsNestAndActionsWaitForTheOutermostCommit) {
         throw std::runtime_error("outer");
     }),
                  std::runtime_error);
+    EXPECT_EQ(xs(), "1,3");
+    // A failing commit rolls back.
+    db.executeRaw("CREATE TABLE p (id PRIMARY KEY); CREATE TABLE c (p REFERENCES p(id) DEFERRABLE INITIALLY DEFERRED);");
+    EXPECT_EQ(failure([&] { db.transaction([&] { db.execute("INSERT INTO t (x) VALUES (5); "), db.execute("INSERT INTO c VALUES (1)"); }); }),
+              "2|FOREIGN KEY constraint failed|COMMIT;");
     EXPECT_EQ(xs(), "1,3");
     action("now");
     EXPECT_EQ(ran, (std::vector<std::string>{"outer", "inner", "now"}));
