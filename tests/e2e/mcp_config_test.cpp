@@ -67,12 +67,9 @@ TEST_F(McpConfigTest, InstallKeepsEverythingElseAndLeavesABackup) {
         const std::string written = readBytes(file);
         EXPECT_EQ(written.substr(0, 3), "{\n\t");
         OrderedJson expected = OrderedJson::parse(original);
-        OrderedJson entry = OrderedJson::object();
-        if (c.typed) entry["type"] = "stdio";
-        entry["command"] = server;
-        entry["args"] = OrderedJson::array();
-        entry["env"] = {{"MIREL_HOME", (home_ / "library").string()}, {"MIREL_AGENT", "claude"}};
-        expected[c.serversKey]["mirel"] = entry;
+        OrderedJson& entry = expected[c.serversKey]["mirel"] = c.typed ? OrderedJson{{"type", "stdio"}} : OrderedJson::object();
+        entry.update({{"command", server}, {"args", OrderedJson::array()},
+                      {"env", {{"MIREL_HOME", (home_ / "library").string()}, {"MIREL_AGENT", "claude"}}}});
         EXPECT_EQ(OrderedJson::parse(written).dump(), expected.dump());  // same keys, same order
 
         // Again: nothing to do, nothing written.

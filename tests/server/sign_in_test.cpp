@@ -19,13 +19,6 @@ protected:
 
     Json requestCode() { return server.call("POST", "/api/auth/device/code", kCodeRequest).body; }
 
-    ServerProcess::Reply poll(const Json& code) {
-        return server.call("POST", "/api/auth/device/token",
-                           Json{{"grant_type", "urn:ietf:params:oauth:grant-type:device_code"},
-                                {"device_code", code["device_code"]},
-                                {"client_id", "mirel-desktop"}});
-    }
-
     // Posts the verification page's form as a browser would.
     httplib::Result submitPage(const std::string& fields) {
         httplib::Client browser("127.0.0.1", server.port());
@@ -50,10 +43,10 @@ TEST_F(SignInTest, BrowserApprovalGivesATokenThatOnlyItsHashRemembersAndSignOutE
     EXPECT_EQ(code["interval"], 2);
     EXPECT_EQ(code["expires_in"], 600);
 
-    auto pending = poll(code);
+    auto pending = server.pollToken(code["device_code"]);
     EXPECT_EQ(pending.status, 400);
     EXPECT_EQ(pending.body["error"], "authorization_pending");
-    EXPECT_EQ(poll(code).body["error"], "slow_down") << "a second poll at once is too fast";
+    EXPECT_EQ(server.pollToken(code["device_code"]).body["error"], "slow_down") << "a second poll at once is too fast";
 
     httplib::Client browser("127.0.0.1", server.port());
     auto page = browser.Get("/device?user_code=" + code["user_code"].get<std::string>());
@@ -74,11 +67,11 @@ TEST_F(SignInTest, BrowserApprovalGivesATokenThatOnlyItsHashRemembersAndSignOutE
     EXPECT_EQ(right->status, 200);
     EXPECT_NE(right->body.find("Signed in as ann@example.com"), std::string::npos);
 
-    auto granted = poll(code);
+    auto granted = server.pollToken(code["device_code"]);
     ASSERT_EQ(granted.status, 200) << granted.text;
     const std::string token = granted.body["access_token"];
     EXPECT_EQ(token.size(), 64u);
-    EXPECT_EQ(poll(code).body["error"], "expired_token") << "a code gives one token";
+    EXPECT_EQ(server.pollToken(code["device_code"]).body["error"], "expired_token") << "a code gives one token";
 
     auto me = server.call("GET", "/v1/me", std::nullopt, token);
     ASSERT_EQ(me.status, 200);
@@ -99,8 +92,8 @@ TEST_F(SignInTest, DeniedAndUnknownCodesEndThePolling) {
     auto denied = submitPage("user_code=" + code["user_code"].get<std::string>() + "&decision=deny");
     ASSERT_TRUE(denied);
     EXPECT_EQ(denied->status, 200);
-    EXPECT_EQ(poll(code).body["error"], "access_denied");
-    EXPECT_EQ(poll(Json{{"device_code", "0000"}}).body["error"], "expired_token");
+    EXPECT_EQ(server.pollToken(code["device_code"]).body["error"], "access_denied");
+    EXPECT_EQ(server.pollToken("0000").body["error"], "expired_token");
 
     auto approveTwice = server.admin({"approve", code["user_code"], "--user", "ann@example.com"});
     EXPECT_EQ(approveTwice.status, 1);

@@ -113,7 +113,6 @@ TEST(SchemaTest, AFailedStepLeavesTheLibraryAsItWasAndALaterOpeningFinishes) {
     {
         Database db(library.databasePath());
         EXPECT_EQ(dump(db), before);
-        EXPECT_EQ(db.query("PRAGMA foreign_keys")[0].intValue("foreign_keys"), 1);
         db.executeRaw("DELETE FROM groups WHERE id = 'G-1';");
     }
     CaptureStore store(library.databasePath());
