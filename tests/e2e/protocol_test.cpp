@@ -128,14 +128,13 @@ TEST(WireTest, TheCaptureResources) {
     MirelPaths::ensureParentDirectory(seen.imageURL());
     writeImageFile(seen.imageURL(), 1600, 800, ImageFileFormat::png);
     McpProcess server(library.home());  // started on the filed library
-    const std::string id = seen.id;
     EXPECT_EQ(server.request("resources/list").value("result", Json()),
-              (Json{{"resources", {{{"uri", "mirel://capture/" + id}, {"name", "Save button overlaps"},
+              (Json{{"resources", {{{"uri", "mirel://capture/" + seen.id}, {"name", "Save button overlaps"},
                                     {"description", "Seen in Editor · “  editor ” · OPEN"}, {"mimeType", "image/png"}},
                                    {{"uri", "mirel://capture/" + typed.id}, {"name", "Untitled issue"},
                                     {"description", "IN-PROGRESS"}, {"mimeType", "text/plain"}}}}}));
-    const std::string detail = McpProcess::text(server.callTool("get_capture", {{"id", id}, {"include_image", false}}));
-    for (const std::string& uri : {"mirel://capture/" + id, id.substr(0, 8), "x-mirel://capture/mirel://capture/" + id}) {
+    const std::string detail = McpProcess::text(server.callTool("get_capture", {{"id", seen.id}, {"include_image", false}}));
+    for (const std::string& uri : {"mirel://capture/" + seen.id, seen.id.substr(0, 8), "x-mirel://capture/mirel://capture/" + seen.id}) {
         const Json contents = server.request("resources/read", {{"uri", uri}})["result"]["contents"];
         ASSERT_EQ(contents.size(), 2u) << uri;
         EXPECT_EQ(contents[0], (Json{{"uri", uri}, {"mimeType", "text/plain"}, {"text", detail}}));

@@ -11,26 +11,18 @@
 namespace mirel::test {
 namespace {
 
-const Json kCodeRequest{{"client_id", "mirel-desktop"}, {"scope", "openid profile email"}};
-
 class SignInTest : public ::testing::Test {
 protected:
     void SetUp() override { server.addUser("ann@example.com", "Ann"); }
 
-    Json requestCode() { return server.call("POST", "/api/auth/device/code", kCodeRequest).body; }
+    Json requestCode() {
+        return server.call("POST", "/api/auth/device/code", Json{{"client_id", "mirel-desktop"}, {"scope", "openid profile email"}}).body;
+    }
 
     // Posts the verification page's form as a browser would.
     httplib::Result submitPage(const std::string& fields) {
         httplib::Client browser("127.0.0.1", server.port());
         return browser.Post("/device", fields, "application/x-www-form-urlencoded");
-    }
-
-    std::string dataFolderBytes() {
-        std::string all;
-        for (const auto& entry : std::filesystem::directory_iterator(server.data())) {
-            if (entry.is_regular_file()) all += readBytes(entry.path());
-        }
-        return all;
     }
 
     ServerProcess server;
@@ -73,11 +65,11 @@ TEST_F(SignInTest, BrowserApprovalGivesATokenThatOnlyItsHashRemembersAndSignOutE
     EXPECT_EQ(token.size(), 64u);
     EXPECT_EQ(server.pollToken(code["device_code"]).body["error"], "expired_token") << "a code gives one token";
 
-    auto me = server.call("GET", "/v1/me", std::nullopt, token);
-    ASSERT_EQ(me.status, 200);
-    EXPECT_EQ(me.body["user"]["email"], "ann@example.com");
+    EXPECT_EQ(server.call("GET", "/v1/me", std::nullopt, token).body["user"]["email"], "ann@example.com");
 
-    const std::string stored = dataFolderBytes();
+    std::string stored;  // every file of the data folder
+    for (const auto& entry : std::filesystem::directory_iterator(server.data()))
+        if (entry.is_regular_file()) stored += readBytes(entry.path());
     EXPECT_EQ(stored.find(token), std::string::npos) << "the token itself is in the data folder";
     EXPECT_NE(stored.find(ContentHash::sha256(token)), std::string::npos);
 
@@ -89,9 +81,7 @@ TEST_F(SignInTest, BrowserApprovalGivesATokenThatOnlyItsHashRemembersAndSignOutE
 
 TEST_F(SignInTest, DeniedAndUnknownCodesEndThePolling) {
     const Json code = requestCode();
-    auto denied = submitPage("user_code=" + code["user_code"].get<std::string>() + "&decision=deny");
-    ASSERT_TRUE(denied);
-    EXPECT_EQ(denied->status, 200);
+    EXPECT_EQ(submitPage("user_code=" + code["user_code"].get<std::string>() + "&decision=deny")->status, 200);
     EXPECT_EQ(server.pollToken(code["device_code"]).body["error"], "access_denied");
     EXPECT_EQ(server.pollToken("0000").body["error"], "expired_token");
 

@@ -51,9 +51,8 @@ TEST_F(DatabaseTest, RunsFirstStatementsAndNamesTheOneThatFailed) {
     const std::string script = "INSERT INTO t (x) VALUES (7); INSERT INTO nowhere VALUES (1); INSERT INTO t (x) VALUES (8);";
     EXPECT_EQ(failure([&] { db.executeRaw(script); }), "2|no such table: nowhere|" + script);
     EXPECT_EQ(xs(), "1,2,7");
-    using Case = DatabaseError::Case;
-    const auto error = sqliteError(nullptr, 1, Case::stepFailed, "S", "m"),
-               prepare = sqliteError(nullptr, 1, Case::prepareFailed, "S", "m");
+    const auto error = sqliteError(nullptr, 1, DatabaseError::Case::stepFailed, "S", "m"),
+               prepare = sqliteError(nullptr, 1, DatabaseError::Case::prepareFailed, "S", "m");
     EXPECT_EQ(std::string(error.what()) + "|" + error.plainRendering() + "|" + prepare.what() + "|" + prepare.plainRendering(),
               "SQL execution failed: m\nS|stepFailed(\"m\", sql: \"S\")|SQL prepare failed: m\nS|prepareFailed(\"m\", sql: \"S\")");
 }
