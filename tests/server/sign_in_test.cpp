@@ -7,17 +7,16 @@
 
 #include <gtest/gtest.h>
 
-
 namespace mirel::test {
 namespace {
+
+const Json kCodeRequest{{"client_id", "mirel-desktop"}, {"scope", "openid profile email"}};
 
 class SignInTest : public ::testing::Test {
 protected:
     void SetUp() override { server.addUser("ann@example.com", "Ann"); }
 
-    Json requestCode() {
-        return server.call("POST", "/api/auth/device/code", Json{{"client_id", "mirel-desktop"}, {"scope", "openid profile email"}}).body;
-    }
+    Json requestCode() { return server.call("POST", "/api/auth/device/code", kCodeRequest).body; }
 
     // Posts the verification page's form as a browser would.
     httplib::Result submitPage(const std::string& fields) {
