@@ -79,7 +79,8 @@ TEST_F(CliTest, FilesImagesAndNoteAndShowsThemAsTheAgentWould) {
 }
 
 TEST_F(CliTest, ListFiltersByStatusGroupTagAndLimit) {
-    const std::string a = add({"--note", "Open one", "--group", "Design"}), b = add({"--note", "Done one", "--tag", "ui"});
+    add({"--note", "Open one", "--group", "Design"});
+    const std::string b = add({"--note", "Done one", "--tag", "ui"});
     add({"--note", "Other", "--group", "design"});
     CaptureStore(library.databasePath()).resolve(b, std::nullopt, "you");
     const std::pair<std::vector<std::string>, std::string> rows[] = {
@@ -98,7 +99,6 @@ TEST_F(CliTest, ListFiltersByStatusGroupTagAndLimit) {
         EXPECT_EQ(found.empty() ? trimWhitespaceAndNewlines(result.out) : join(found, ","), titles) << join(arguments, " ");
     }
     EXPECT_EQ(CaptureStore(library.databasePath()).groups().size(), 1u);  // "design" is the group "Design"
-    EXPECT_NE(a, b);
 }
 
 TEST_F(CliTest, AnAnnotationIsBurnedIntoAMarkedCopyOfTheFirstImage) {

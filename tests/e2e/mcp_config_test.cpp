@@ -1,15 +1,13 @@
 // `mirel mcp-config`: each client's entry, and --install on a configuration
 // file that already holds other things, driven as a child process with HOME
 // and XDG_CONFIG_HOME in a scratch folder.
+#include "tests/e2e/run_mirel.h"
 #include "tests/support/image_files.h"
 #include "tests/support/temp_library.h"
-
-#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 
@@ -19,23 +17,14 @@ namespace {
 namespace fs = std::filesystem;
 using OrderedJson = nlohmann::ordered_json;
 
-struct RunResult {
-    int status = -1;
-    std::string out, err;
-};
-
 class McpConfigTest : public ::testing::Test {
 protected:
-    // `mirel mcp-config ARGUMENTS` in a bare environment with a library and an
-    // agent name set, so the entry has to carry both.
-    RunResult run(const std::string& arguments) {
-        const std::string out = (home_ / "stdout").string(), err = (home_ / "stderr").string();
-        const std::string command = "env -i PATH=/usr/bin:/bin HOME=" + home_.string() + " XDG_CONFIG_HOME=" +
-                                    (home_ / "xdg").string() + " MIREL_HOME=" + (home_ / "library").string() +
-                                    " MIREL_AGENT=claude '" MIREL_HOST_BINARY "' mcp-config " + arguments +
-                                    " </dev/null >" + out + " 2>" + err;
-        const int status = std::system(command.c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readBytes(out), readBytes(err)};
+    // `mirel mcp-config ARGUMENTS` with a library and an agent name set, so
+    // the entry has to carry both.
+    Ran run(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), "mcp-config");
+        return runMirel(home_ / "library", arguments, "",
+                        {{"HOME", home_.string()}, {"XDG_CONFIG_HOME", (home_ / "xdg").string()}, {"MIREL_AGENT", "claude"}});
     }
 
     TempLibrary scratch_;  // stands for HOME here; the library is a folder inside it
@@ -69,7 +58,7 @@ TEST_F(McpConfigTest, InstallKeepsEverythingElseAndLeavesABackup) {
         writeBytes(file, original);
         fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
 
-        RunResult result = run("--client " + c.client + " --install");
+        Ran result = run({"--client", c.client, "--install"});
         ASSERT_EQ(result.status, 0) << result.err;
         EXPECT_EQ(result.out.rfind("Registered mirel-mcp for ", 0), 0u) << result.out;
         EXPECT_EQ(readBytes(file.string() + ".bak"), original);
@@ -78,16 +67,13 @@ TEST_F(McpConfigTest, InstallKeepsEverythingElseAndLeavesABackup) {
         const std::string written = readBytes(file);
         EXPECT_EQ(written.substr(0, 3), "{\n\t");
         OrderedJson expected = OrderedJson::parse(original);
-        OrderedJson entry = OrderedJson::object();
-        if (c.typed) entry["type"] = "stdio";
-        entry["command"] = server;
-        entry["args"] = OrderedJson::array();
-        entry["env"] = {{"MIREL_HOME", (home_ / "library").string()}, {"MIREL_AGENT", "claude"}};
-        expected[c.serversKey]["mirel"] = entry;
+        OrderedJson& entry = expected[c.serversKey]["mirel"] = c.typed ? OrderedJson{{"type", "stdio"}} : OrderedJson::object();
+        entry.update({{"command", server}, {"args", OrderedJson::array()},
+                      {"env", {{"MIREL_HOME", (home_ / "library").string()}, {"MIREL_AGENT", "claude"}}}});
         EXPECT_EQ(OrderedJson::parse(written).dump(), expected.dump());  // same keys, same order
 
         // Again: nothing to do, nothing written.
-        result = run("--client " + c.client + " --install");
+        result = run({"--client", c.client, "--install"});
         EXPECT_EQ(result.status, 0) << result.err;
         EXPECT_NE(result.out.find("already registered"), std::string::npos) << result.out;
         EXPECT_EQ(readBytes(file), written);
@@ -107,30 +93,28 @@ TEST_F(McpConfigTest, InstallRefusesAFileItCannotParseAndMakesAMissingOne) {
         const fs::path file = home_ / clientCases[i].file;
         fs::create_directories(file.parent_path());
         writeBytes(file, broken[i]);
-        const RunResult result = run("--client " + clientCases[i].client + " --install");
+        const Ran result = run({"--client", clientCases[i].client, "--install"});
         EXPECT_EQ(result.status, 1);
         EXPECT_NE(result.err.find(file.string()), std::string::npos) << result.err;
         EXPECT_EQ(readBytes(file), broken[i]);
         EXPECT_FALSE(fs::exists(file.string() + ".bak"));
         fs::remove(file);
     }
-    for (const auto& entry : fs::recursive_directory_iterator(home_)) {  // no temporary file stays
-        const std::string name = entry.path().filename().string();
-        EXPECT_TRUE(!entry.is_regular_file() || name == "stdout" || name == "stderr") << entry.path();
-    }
+    for (const auto& entry : fs::recursive_directory_iterator(home_))  // no temporary file stays
+        EXPECT_FALSE(entry.is_regular_file()) << entry.path();
 
-    const RunResult created = run("--client cursor --install");
+    const Ran created = run({"--client", "cursor", "--install"});
     const fs::path file = home_ / ".cursor" / "mcp.json";
     EXPECT_EQ(created.out, "Created " + file.string() + " with mirel-mcp registered for Cursor.\nRestart Cursor to load it.\n");
     EXPECT_EQ(OrderedJson::parse(readBytes(file))["mcpServers"]["mirel"]["command"], server);
 }
 
 TEST_F(McpConfigTest, PrintsClaudeCodesCommandAndRefusesInstallForOthers) {
-    RunResult result = run("--client claude-code");
+    Ran result = run({"--client", "claude-code"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "claude mcp add -e MIREL_HOME=" + (home_ / "library").string() +
                               " -e MIREL_AGENT=claude --scope user mirel -- " + server + "\n");
-    result = run("--client generic --install");
+    result = run({"--client", "generic", "--install"});
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.out, "");
 }

@@ -35,8 +35,7 @@ TEST(Progress, DrawsOnATerminalOnlyAndClearsItsLine) {
     ASSERT_NE(shown.find(last), std::string::npos) << shown;
     EXPECT_EQ(shown.size() - shown.find(last) - last.size(), 36u + 2) << "only the id and a line end: " << shown;
 
-    const std::string quiet = onTerminal(add + " >/dev/null");
-    EXPECT_EQ(quiet, "");
+    EXPECT_EQ(onTerminal(add + " >/dev/null"), "");
 }
 
 }  // namespace

@@ -11,11 +11,12 @@ struct Ran {
     std::string out, err;
 };
 
-// Started with `arguments`, its standard input closed.
+// Started with `arguments`, `input` on its standard input, then closed.
 inline std::unique_ptr<McpProcess> startMirel(const std::filesystem::path& home, std::vector<std::string> arguments,
-                                              const std::map<std::string, std::string>& env = {}) {
+                                              const std::map<std::string, std::string>& env = {}, const std::string& input = "") {
     arguments.insert(arguments.begin(), MIREL_HOST_BINARY);
     auto mirel = std::make_unique<McpProcess>(home, env, arguments);
+    mirel->sendRaw(input);
     mirel->closeInput();
     return mirel;
 }
@@ -23,13 +24,10 @@ inline std::unique_ptr<McpProcess> startMirel(const std::filesystem::path& home,
 // Run to its end with `input` on standard input.
 inline Ran runMirel(const std::filesystem::path& home, std::vector<std::string> arguments, const std::string& input = "",
                     const std::map<std::string, std::string>& env = {}) {
-    arguments.insert(arguments.begin(), MIREL_HOST_BINARY);
-    McpProcess mirel(home, env, arguments);
-    mirel.sendRaw(input);
-    mirel.closeInput();
-    std::string out = mirel.readToEnd();
-    const int status = mirel.waitForExit();
-    return {status, std::move(out), mirel.standardError()};
+    const auto mirel = startMirel(home, std::move(arguments), env, input);
+    std::string out = mirel->readToEnd();
+    const int status = mirel->waitForExit();
+    return {status, std::move(out), mirel->standardError()};
 }
 
 }  // namespace mirel::test

@@ -1,13 +1,11 @@
 // Device sign-in as a client and a browser see it, and what a client can't
 // see: the token never rests in the data folder.
+#include "tests/support/image_files.h"
 #include "tests/support/server_process.h"
 
 #include "core/sync/content_hash.h"
 
 #include <gtest/gtest.h>
-
-#include <fstream>
-#include <sstream>
 
 namespace mirel::test {
 namespace {
@@ -20,29 +18,10 @@ protected:
 
     Json requestCode() { return server.call("POST", "/api/auth/device/code", kCodeRequest).body; }
 
-    ServerProcess::Reply poll(const Json& code) {
-        return server.call("POST", "/api/auth/device/token",
-                           Json{{"grant_type", "urn:ietf:params:oauth:grant-type:device_code"},
-                                {"device_code", code["device_code"]},
-                                {"client_id", "mirel-desktop"}});
-    }
-
     // Posts the verification page's form as a browser would.
     httplib::Result submitPage(const std::string& fields) {
         httplib::Client browser("127.0.0.1", server.port());
         return browser.Post("/device", fields, "application/x-www-form-urlencoded");
-    }
-
-    std::string dataFolderBytes() {
-        std::string all;
-        for (const auto& entry : std::filesystem::directory_iterator(server.data())) {
-            if (!entry.is_regular_file()) continue;
-            std::ifstream in(entry.path(), std::ios::binary);
-            std::ostringstream bytes;
-            bytes << in.rdbuf();
-            all += bytes.str();
-        }
-        return all;
     }
 
     ServerProcess server;
@@ -55,10 +34,10 @@ TEST_F(SignInTest, BrowserApprovalGivesATokenThatOnlyItsHashRemembersAndSignOutE
     EXPECT_EQ(code["interval"], 2);
     EXPECT_EQ(code["expires_in"], 600);
 
-    auto pending = poll(code);
+    auto pending = server.pollToken(code["device_code"]);
     EXPECT_EQ(pending.status, 400);
     EXPECT_EQ(pending.body["error"], "authorization_pending");
-    EXPECT_EQ(poll(code).body["error"], "slow_down") << "a second poll at once is too fast";
+    EXPECT_EQ(server.pollToken(code["device_code"]).body["error"], "slow_down") << "a second poll at once is too fast";
 
     httplib::Client browser("127.0.0.1", server.port());
     auto page = browser.Get("/device?user_code=" + code["user_code"].get<std::string>());
@@ -79,17 +58,17 @@ TEST_F(SignInTest, BrowserApprovalGivesATokenThatOnlyItsHashRemembersAndSignOutE
     EXPECT_EQ(right->status, 200);
     EXPECT_NE(right->body.find("Signed in as ann@example.com"), std::string::npos);
 
-    auto granted = poll(code);
+    auto granted = server.pollToken(code["device_code"]);
     ASSERT_EQ(granted.status, 200) << granted.text;
     const std::string token = granted.body["access_token"];
     EXPECT_EQ(token.size(), 64u);
-    EXPECT_EQ(poll(code).body["error"], "expired_token") << "a code gives one token";
+    EXPECT_EQ(server.pollToken(code["device_code"]).body["error"], "expired_token") << "a code gives one token";
 
-    auto me = server.call("GET", "/v1/me", std::nullopt, token);
-    ASSERT_EQ(me.status, 200);
-    EXPECT_EQ(me.body["user"]["email"], "ann@example.com");
+    EXPECT_EQ(server.call("GET", "/v1/me", std::nullopt, token).body["user"]["email"], "ann@example.com");
 
-    const std::string stored = dataFolderBytes();
+    std::string stored;  // every file of the data folder
+    for (const auto& entry : std::filesystem::directory_iterator(server.data()))
+        if (entry.is_regular_file()) stored += readBytes(entry.path());
     EXPECT_EQ(stored.find(token), std::string::npos) << "the token itself is in the data folder";
     EXPECT_NE(stored.find(ContentHash::sha256(token)), std::string::npos);
 
@@ -101,11 +80,9 @@ TEST_F(SignInTest, BrowserApprovalGivesATokenThatOnlyItsHashRemembersAndSignOutE
 
 TEST_F(SignInTest, DeniedAndUnknownCodesEndThePolling) {
     const Json code = requestCode();
-    auto denied = submitPage("user_code=" + code["user_code"].get<std::string>() + "&decision=deny");
-    ASSERT_TRUE(denied);
-    EXPECT_EQ(denied->status, 200);
-    EXPECT_EQ(poll(code).body["error"], "access_denied");
-    EXPECT_EQ(poll(Json{{"device_code", "0000"}}).body["error"], "expired_token");
+    EXPECT_EQ(submitPage("user_code=" + code["user_code"].get<std::string>() + "&decision=deny")->status, 200);
+    EXPECT_EQ(server.pollToken(code["device_code"]).body["error"], "access_denied");
+    EXPECT_EQ(server.pollToken("0000").body["error"], "expired_token");
 
     auto approveTwice = server.admin({"approve", code["user_code"], "--user", "ann@example.com"});
     EXPECT_EQ(approveTwice.status, 1);

@@ -1,7 +1,7 @@
 // The verdict on each pushed change, as one table: what was there before (pushed
 // by two devices of one user), the change, and what the server answers and
 // writes.
-#include "tests/support/server_process.h"
+#include "tests/server/two_teams.h"
 
 #include "core/sync/content_hash.h"
 
@@ -121,31 +121,23 @@ std::vector<VerdictCase> verdictCases() {
     };
 }
 
-class SyncVerdictTest : public ::testing::Test {
+class SyncVerdictTest : public TwoTeamsTest {
 protected:
-    static void SetUpTestSuite() {
-        server = new ServerProcess();
-        server->addUser("ann@example.com", "Ann");
-        server->addUser("bob@example.com", "Bob");
-        server->addWorkspace("acme", "Acme", {"ann@example.com"});
-        server->addWorkspace("bobs", "Bob's", {"bob@example.com"});
-        token = server->signIn("ann@example.com");
-        const std::string bobToken = server->signIn("bob@example.com");
-        ids = {{"WS", server->workspaceID(token, "acme")},
-               {"OTHER", server->workspaceID(bobToken, "bobs")},
-               {"ANN", server->call("GET", "/v1/me", std::nullopt, token).body["user"]["id"]},
+    void SetUp() override {
+        TwoTeamsTest::SetUp();
+        ids = {{"WS", acme},
+               {"OTHER", server.workspaceID(bob, "bobs")},
+               {"ANN", server.call("GET", "/v1/me", std::nullopt, ann).body["user"]["id"]},
                {"SHA", ContentHash::sha256(std::string_view("pixels"))},
                {"MISSING", ContentHash::sha256(std::string_view("never sent"))}};
-        auto upload = server->call("POST", "/v1/uploads",
-                                   Json{{"workspace_id", ids["WS"]}, {"sha256", ids["SHA"]}, {"bytes", 6}}, token);
-        httplib::Client storage("127.0.0.1", server->port());
-        storage.Put(upload.body["url"].get<std::string>().substr(server->url().size()), "pixels", "image/png");
+        auto upload = server.call("POST", "/v1/uploads", Json{{"workspace_id", acme}, {"sha256", ids["SHA"]}, {"bytes", 6}}, ann);
+        httplib::Client storage("127.0.0.1", server.port());
+        storage.Put(upload.body["url"].get<std::string>().substr(server.url().size()), "pixels", "image/png");
     }
-    static void TearDownTestSuite() { delete server; }
 
     // Record ids get the case's number, so that cases share one server; the
     // placeholders become real workspace, user and blob ids.
-    static Json resolve(const Json& value, std::size_t n, const std::string& key = "") {
+    Json resolve(const Json& value, std::size_t n, const std::string& key = "") {
         if (value.is_object()) {
             Json out = Json::object();
             for (const auto& [k, v] : value.items()) out[k] = resolve(v, n, k);
@@ -158,18 +150,11 @@ protected:
         return value;
     }
 
-    static Json push(char device, const Json& change, std::int64_t cursor = 0) {
-        return server
-            ->call("POST", "/v1/sync",
-                   Json{{"device_id", std::string("device-") + device}, {"cursor", cursor},
-                        {"changes", Json::array({change})}, {"full_groups", Json::array()}},
-                   token)
-            .body;
+    Json push(const Push& push, std::size_t n, std::int64_t cursor) {
+        return server.sync(ann, cursor, Json::array({resolve(push.change, n)}), std::string("device-") + push.device);
     }
 
-    static inline ServerProcess* server = nullptr;
-    static inline std::string token;
-    static inline std::map<std::string, Json> ids;
+    std::map<std::string, Json> ids;
 };
 
 TEST_F(SyncVerdictTest, EachChangeGetsItsVerdict) {
@@ -179,12 +164,12 @@ TEST_F(SyncVerdictTest, EachChangeGetsItsVerdict) {
         const VerdictCase& c = cases[n];
         SCOPED_TRACE(c.name);
         for (const auto& before : c.before) {
-            Json reply = push(before.device, resolve(before.change, n), cursor);
+            Json reply = push(before, n, cursor);
             ASSERT_NE(reply["results"][0]["status"], "rejected") << reply["results"][0];
             cursor = reply["cursor"];
         }
         const Json sent = resolve(c.change.change, n);
-        const Json reply = push(c.change.device, sent, cursor);
+        const Json reply = push(c.change, n, cursor);
         cursor = reply["cursor"];
         const Json& result = reply["results"][0];
         EXPECT_EQ(result["id"], sent["id"]);

@@ -9,16 +9,15 @@
 namespace mirel::test {
 namespace {
 
-class WorkspaceAccessTest : public TwoTeamsTest {
-protected:
-    static std::vector<std::string> ids(const Json& reply, const char* table) {
-        std::vector<std::string> found;
-        for (const auto& change : reply["changes"]) {
-            if (change["table"] == table) found.push_back(change["row"]["id"]);
-        }
-        return found;
+using WorkspaceAccessTest = TwoTeamsTest;
+
+std::vector<std::string> ids(const Json& reply, const char* table) {
+    std::vector<std::string> found;
+    for (const auto& change : reply["changes"]) {
+        if (change["table"] == table) found.push_back(change["row"]["id"]);
     }
-};
+    return found;
+}
 
 TEST_F(WorkspaceAccessTest, AUserReachesOnlyTheirOwnWorkspaces) {
     const Json pushed = server.sync(ann, 0, Json::array({{{"table", "captures"}, {"id", "c1"}, {"base_version", 0},

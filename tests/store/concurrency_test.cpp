@@ -34,40 +34,17 @@ void writeRounds(CaptureStore& store, const std::string& shared, const std::stri
     }
 }
 
-class ConcurrencyTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        // Made and closed before any fork, so no process inherits an open
-        // connection to the file.
+// The child writes through one store; the parent through one store shared by two threads.
+TEST(ConcurrencyTest, TwoProcessesAndTwoThreadsWriteTheSameLibrary) {
+    test::TempLibrary library;
+    std::string shared;
+    {  // made and closed before any fork, so no process inherits an open connection to the file
         CaptureStore store(library.databasePath());
         Capture c = test::makeCapture("shared");
         c.workspaceID = "ws-1";
         store.insert(c);
         shared = c.id;
     }
-
-    // Every write of every writer is there: captures (one each, all resolved),
-    // comments, tags, their created/claimed/resolved lines, and a status and an
-    // edit line per round on the shared one, all waiting to be sent.
-    void expectWholeLibrary(CaptureStore& store, int writers) {
-        Database& db = CaptureStoreTestAccess::database(store);
-        EXPECT_EQ(db.query("PRAGMA integrity_check;").front().string("integrity_check"), "ok");
-        const auto n = [&](int count) { return std::to_string(count * writers * kRounds); };
-        EXPECT_EQ(db.query("SELECT (SELECT COUNT(*) FROM captures) || ' ' || (SELECT COUNT(*) FROM captures WHERE status = 'resolved') "
-                           "|| ' ' || (SELECT COUNT(*) FROM comments) || ' ' || (SELECT COUNT(*) FROM capture_tags) || ' ' || "
-                           "(SELECT COUNT(*) FROM activity WHERE capture_id != ?1) || ' ' || (SELECT COUNT(*) FROM activity "
-                           "WHERE capture_id = ?1) || ' ' || (SELECT COUNT(*) FROM captures WHERE sync_state != 'pendingPush') AS n;",
-                           {SQLValue(shared)}).at(0).string("n"),
-                  std::to_string(1 + writers * kRounds) + " " + n(1) + " " + n(1) + " " + n(2) + " " + n(3) + " " +
-                      std::to_string(1 + 2 * writers * kRounds) + " 0");
-    }
-
-    test::TempLibrary library;
-    std::string shared;
-};
-
-// The child writes through one store; the parent through one store shared by two threads.
-TEST_F(ConcurrencyTest, TwoProcessesAndTwoThreadsWriteTheSameLibrary) {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
@@ -97,7 +74,19 @@ TEST_F(ConcurrencyTest, TwoProcessesAndTwoThreadsWriteTheSameLibrary) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(failures, std::vector<std::string>(2));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    expectWholeLibrary(store, 3);
+    // Every write of every writer is there: captures (one each, all resolved),
+    // comments, tags, their created/claimed/resolved lines, and a status and an
+    // edit line per round on the shared one, all waiting to be sent.
+    Database& db = CaptureStoreTestAccess::database(store);
+    EXPECT_EQ(db.query("PRAGMA integrity_check;").front().string("integrity_check"), "ok");
+    const auto n = [&](int count) { return std::to_string(count * 3 * kRounds); };
+    EXPECT_EQ(db.query("SELECT (SELECT COUNT(*) FROM captures) || ' ' || (SELECT COUNT(*) FROM captures WHERE status = 'resolved') "
+                       "|| ' ' || (SELECT COUNT(*) FROM comments) || ' ' || (SELECT COUNT(*) FROM capture_tags) || ' ' || "
+                       "(SELECT COUNT(*) FROM activity WHERE capture_id != ?1) || ' ' || (SELECT COUNT(*) FROM activity "
+                       "WHERE capture_id = ?1) || ' ' || (SELECT COUNT(*) FROM captures WHERE sync_state != 'pendingPush') AS n;",
+                       {SQLValue(shared)}).at(0).string("n"),
+              std::to_string(1 + 3 * kRounds) + " " + n(1) + " " + n(1) + " " + n(2) + " " + n(3) + " " +
+                  std::to_string(1 + 2 * 3 * kRounds) + " 0");
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 
 namespace mirel::test {
 
@@ -27,15 +26,11 @@ protected:
         if (shared) store.markSynced("captures", c.id, 1);
         return *store.capture(c.id);
     }
-    // One stored value as text: "NULL", a number as printed by %g, or the text.
+    // One stored value as text: "NULL", a number as printed by %.10g, or the text.
     std::string cell(const std::string& table, const std::string& id, const std::string& column) {
-        const auto rows = raw.query("SELECT " + column + " AS v FROM " + table + " WHERE id = ?;", {id});
-        const SQLValue* v = rows.empty() ? nullptr : rows.front().value("v");
-        if (!v || v->isNull()) return "NULL";
-        if (v->isText()) return v->asText();
-        char number[32];
-        std::snprintf(number, sizeof number, "%.10g", v->isInt() ? double(v->asInt()) : v->asDouble());
-        return number;
+        const auto rows = raw.query("SELECT CASE typeof(" + column + ") WHEN 'text' THEN " + column + " WHEN 'null' THEN 'NULL' "
+                                    "ELSE printf('%.10g', " + column + ") END AS v FROM " + table + " WHERE id = ?;", {id});
+        return rows.empty() ? "NULL" : rows.front().string("v").value_or("NULL");
     }
     std::string pending(const std::string& table, const std::string& id) {
         std::string out;

@@ -96,6 +96,15 @@ std::optional<std::string> McpProcess::readLine(std::chrono::milliseconds timeou
     return line;
 }
 
+std::string McpProcess::readUntil(const std::string& text, std::chrono::milliseconds timeout) {
+    std::string seen;
+    while (const auto line = readLine(timeout, false)) {
+        seen += *line + "\n";
+        if (line->find(text) != std::string::npos) return seen;
+    }
+    return "";
+}
+
 std::string McpProcess::readToEnd() {
     while (fill(std::chrono::steady_clock::now() + 20s)) {
     }

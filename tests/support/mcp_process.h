@@ -38,6 +38,9 @@ public:
     // The next standard-output line without its line feed; nothing on timeout
     // or once the output has ended.
     std::optional<std::string> readLine(std::chrono::milliseconds timeout = 20s, bool json = true);
+    // Standard-output lines, not JSON, until one holds `text`: all of them, or
+    // "" if that line never came.
+    std::string readUntil(const std::string& text, std::chrono::milliseconds timeout = 10s);
     // Everything on standard output until it ends.
     std::string readToEnd();
     // A request with a fresh integer id; the parsed reply, checked to carry that id.

@@ -102,15 +102,6 @@ void seedActivity(Database& db, const ActivityEvent& e) {
          text(e.actorID), SQLValue::boolean(e.remote)});
 }
 
-std::string seedTag(Database& db, const std::string& captureID, const std::string& name) {
-    const auto existing = db.query("SELECT id FROM tags WHERE name = ?;", {name});
-    const std::string tagID = existing.empty() ? newID() : existing.front().string("id").value_or("");
-    if (existing.empty()) db.execute("INSERT INTO tags (id, name, created_at) VALUES (?, ?, ?);", {tagID, name, kSeedDate});
-    db.execute("INSERT OR IGNORE INTO capture_tags (capture_id, tag_id) VALUES (?, ?);",
-               {captureID, tagID});
-    return tagID;
-}
-
 void setColumn(Database& db, const std::string& table, const std::string& id,
                const std::string& column, const SQLValue& value) {
     db.execute("UPDATE " + table + " SET " + column + " = ? WHERE id = ?;", {value, id});

@@ -10,7 +10,6 @@
 //     auto c = makeCapture("Button is clipped\nOn the settings page");
 //     c.priority = CapturePriority::high;
 //     seedCaptureRow(CaptureStoreTestAccess::database(store), c);
-//     seedTag(CaptureStoreTestAccess::database(store), c.id, "ui");
 //     seedComment(CaptureStoreTestAccess::database(store), makeComment(c.id, "Looking at it"));
 #include "core/store/database.h"
 #include "core/store/records.h"
@@ -51,10 +50,6 @@ void seedImageRow(Database& db, const CaptureImage& image);
 void seedGroupRow(Database& db, const CaptureGroup& group);
 void seedComment(Database& db, const Comment& comment);
 void seedActivity(Database& db, const ActivityEvent& event);
-
-// Tags `captureID` with `name`, creating the tag row (by exact name) if it is
-// not there yet. Returns the tag's id.
-std::string seedTag(Database& db, const std::string& captureID, const std::string& name);
 
 // Overwrites one column of one row by id, with any value, including ones the
 // store would never write (NULL in a NOT NULL-less column, a number in a text

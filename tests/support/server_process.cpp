@@ -87,11 +87,13 @@ std::string ServerProcess::signIn(const std::string& email) const {
     const Reply code = call("POST", "/api/auth/device/code", Json{{"client_id", "mirel-desktop"}});
     auto approved = admin({"approve", code.body.value("user_code", ""), "--user", email});
     if (approved.status != 0) throw std::runtime_error("approve failed: " + approved.text);
-    const Reply token = call("POST", "/api/auth/device/token",
-                             Json{{"grant_type", "urn:ietf:params:oauth:grant-type:device_code"},
-                                  {"device_code", code.body.value("device_code", "")},
-                                  {"client_id", "mirel-desktop"}});
-    return token.body.value("access_token", "");
+    return pollToken(code.body.value("device_code", "")).body.value("access_token", "");
+}
+
+ServerProcess::Reply ServerProcess::pollToken(const Json& deviceCode) const {
+    return call("POST", "/api/auth/device/token",
+                Json{{"grant_type", "urn:ietf:params:oauth:grant-type:device_code"}, {"device_code", deviceCode},
+                     {"client_id", "mirel-desktop"}});
 }
 
 Json ServerProcess::sync(const std::string& token, std::int64_t cursor, const Json& changes,

@@ -48,14 +48,16 @@ public:
     // The id of a workspace, read as its member sees it in /v1/me.
     std::string workspaceID(const std::string& token, const std::string& slug) const;
 
-    // Device code, approval with `approve`, first poll: a session token.
-    std::string signIn(const std::string& email) const;
-
     struct Reply {
         int status = 0;  // 0 when the connection failed
         Json body;       // null when the body isn't JSON
         std::string text;
     };
+    // Device code, approval with `approve`, first poll: a session token.
+    std::string signIn(const std::string& email) const;
+    // One poll of the device-token endpoint for `deviceCode`.
+    Reply pollToken(const Json& deviceCode) const;
+
     Reply call(const std::string& method, const std::string& path, const std::optional<Json>& body = std::nullopt,
                const std::string& token = "") const;
 
