@@ -106,21 +106,23 @@ std::size_t coefficientBytes(const jpeg_decompress_struct* info) {
     return total;
 }
 
-// The largest DCT reduction whose result still covers width×height.
-unsigned reductionFor(const jpeg_decompress_struct* info, int width, int height) {
-    for (unsigned denominator : {8u, 4u, 2u}) {
-        if ((info->image_width + denominator - 1) / denominator >= static_cast<unsigned>(width) &&
-            (info->image_height + denominator - 1) / denominator >= static_cast<unsigned>(height)) {
-            return denominator;
+// The smallest DCT scale, in eighths, whose result still covers
+// width×height: libjpeg-turbo's inverse DCT then makes M×M pixels of each
+// 8×8 block, and the resampler does the rest.
+unsigned eighthsFor(const jpeg_decompress_struct* info, int width, int height) {
+    for (unsigned eighths = 1; eighths < 8; ++eighths) {
+        if ((info->image_width * eighths + 7) / 8 >= static_cast<unsigned>(width) &&
+            (info->image_height * eighths + 7) / 8 >= static_cast<unsigned>(height)) {
+            return eighths;
         }
     }
-    return 1;
+    return 8;
 }
 
-bool startDecompress(jpeg_decompress_struct* info, ErrorManager* errors, unsigned reduction) {
+bool startDecompress(jpeg_decompress_struct* info, ErrorManager* errors, unsigned eighths) {
     if (setjmp(errors->jump)) return false;
-    info->scale_num = 1;
-    info->scale_denom = reduction;
+    info->scale_num = eighths;
+    info->scale_denom = 8;
     // libjpeg-turbo writes B G R A bytes (the native word on little-endian
     // machines) or A R G B, with alpha 255.
     info->out_color_space =
@@ -193,8 +195,8 @@ std::optional<Image> decodeJPEG(const std::uint8_t* bytes, std::size_t size, int
     if (coefficients + static_cast<std::size_t>(toWidth) * toHeight * 4 > decodeBudget) return std::nullopt;
     info->mem->max_memory_to_use = static_cast<long>(decodeBudget);
 
-    const unsigned reduction = toWidth == width && toHeight == height ? 1 : reductionFor(info, toWidth, toHeight);
-    if (!startDecompress(info, &decompressor.errors, reduction)) return std::nullopt;
+    const unsigned eighths = toWidth == width && toHeight == height ? 8 : eighthsFor(info, toWidth, toHeight);
+    if (!startDecompress(info, &decompressor.errors, eighths)) return std::nullopt;
     try {
         // Rows are encoded along only if they will not be turned afterwards.
         RowTarget target(static_cast<int>(info->output_width), static_cast<int>(info->output_height), toWidth,

@@ -19,7 +19,7 @@ constexpr std::int64_t helperPixels = 1'000'000;
 constexpr std::size_t windowLimit = 16u << 20;
 // Bands of a PNG encoded along: enough that little of the encoding is left
 // once the last rows are in.
-constexpr int bandsAlong = 8;
+constexpr int bandsAlong = 4;
 
 std::size_t bytesOf(int width, int height) {
     return static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;

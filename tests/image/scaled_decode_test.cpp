@@ -188,7 +188,7 @@ TEST(ScaledFile, JPEGDecodedThroughDCTScalingStaysCloseToTheFullDecode) {
     const auto jpeg = test::encodeImageFile(photo, ImageFileFormat::jpeg);
     const auto full = ImageCodec::decode(jpeg);
     ASSERT_TRUE(full);
-    for (const int edge : {1000, 700, 400, 160}) {  // the decoder reduces by none, 1/2, 1/4, 1/8
+    for (const int edge : {1000, 700, 400, 160}) {  // the decoder scales by 5/8, 1/2, 1/4, 1/8
         const auto small = ImageCodec::decode(jpeg, edge);
         ASSERT_TRUE(small);
         const auto expected = ImageCodec::resample(*full, small->width, small->height);
