@@ -114,8 +114,12 @@ std::vector<VerdictCase> verdictCases() {
      std::nullopt, {}, false},
     {"a comment", {{'a', newCapture("c")}}, {'a', comment("m", "c")}, "applied", 1, {}, false, nullptr,
      {{"body", "looks off"}, {"author_id", "ANN"}}, {"commented"}},
+    {"its author edits a comment", {{'a', newCapture("c")}, {'a', comment("m", "c")}},
+     {'b', change("comments", "m", 1, {{"body", "looks fine"}})}, "applied", 2},
     {"a value of the wrong kind", {{'a', newCapture("c")}}, {'a', capture("c", 1, {{"status", "done"}})}, "rejected",
      std::nullopt, {}, false},
+    {"a tag that is too long", {{'a', newCapture("c")}}, {'a', capture("c", 1, {{"tags", {std::string(201, 't')}}})},
+     "rejected", std::nullopt, {}, false},
     {"a table the server doesn't take", {}, {'a', change("people", "p", 0, Json::object())}, "rejected", std::nullopt,
      {}, false},
     };

@@ -47,6 +47,8 @@ void expectOneItemPerAccount() {
 
 TEST(Keychain, FileFormIsPrivateReplacedWholeAndForgiving) {
     TempHome home;
+    fs::create_directories(home.sessionFile.parent_path());  // made by someone else, open to all: tightened
+    fs::permissions(home.sessionFile.parent_path(), fs::perms::owner_all | fs::perms::group_read | fs::perms::others_read);
     expectOneItemPerAccount();
     struct stat file {}, folder{};
     stat(home.sessionFile.c_str(), &file);
