@@ -51,8 +51,8 @@ TEST_F(McpConfigTest, InstallKeepsEverythingElseAndLeavesABackup) {
         SCOPED_TRACE(c.client);
         const fs::path file = home_ / c.file;
         fs::create_directories(file.parent_path());
-        // Other servers, other settings before and after, and tabs for indentation.
-        const std::string original = "{\n\t\"theme\": \"dark\",\n\t\"" + c.serversKey +
+        // Other servers, other settings before and after, and tabs for indentation (after a blank line).
+        const std::string original = "{\n\n\t\"theme\": \"dark\",\n\t\"" + c.serversKey +
                                      "\": {\n\t\t\"other\": {\"command\": \"/bin/other\", \"args\": [\"-v\"]}\n\t},\n"
                                      "\t\"zoom\": 1.5,\n\t\"projects\": {\"/src\": {\"allowedTools\": []}}\n}\n";
         writeBytes(file, original);

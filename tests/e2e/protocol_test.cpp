@@ -98,7 +98,7 @@ TEST_F(ProtocolTest, HostileInputNeverEndsTheServer) {
     const std::pair<std::string, std::string> lines[] = {
         {R"({"method":"ping","id":"big","params":{"x":")" + big + R"("}})", R"({"id":"big","jsonrpc":"2.0","result":{}})"},
         {big, kParseError}, {deep, kParseError}, {R"({"method":"ping","id":1,"params":)" + deepObjects, kParseError},
-        {R"({"method":"ping","id":1,"params":)" + deep + std::string(100000, ']') + "}", kParseError},
+        {R"({"method":"ping","id":"\\","params":)" + deep + std::string(100000, ']') + "}", kParseError},  // past an escape
         {"{\"method\":\"ping\",\"id\":\"\\ud800\"}", kParseError}, {R"({"method":"ping","id":1e400})", ""},
         {R"({"method":"tools/call","id":4,"params":{"name":"list_captures","arguments":{"limit":1e400,"status":7,"search":[]}}})", ""},
         {R"({"method":"tools/call","id":6,"params":{"name":"get_capture","arguments":{"id":{"x":1},"max_image_edge":"big"}}})", ""},
