@@ -73,8 +73,9 @@ TEST_F(BlobsTest, BytesAreKeptOnlyWhenHashAndSizeMatchAndLinksAreBoundToTheirFil
     auto download = transfer("GET", link.body["url"]);
     ASSERT_TRUE(download);
     EXPECT_EQ(std::to_string(download->status) + " " + download->get_header_value("Content-Type") + " " +
-                  download->get_header_value("X-Content-Type-Options") + " " + download->body,
-              "200 image/png nosniff " + kBytes);
+                  download->get_header_value("X-Content-Type-Options") + " " +
+                  download->get_header_value("Cache-Control") + " " + download->body,
+              "200 image/png nosniff private, max-age=3600 " + kBytes);
 
     // A signature names its method, file and size: it opens nothing else.
     const std::string other = ContentHash::sha256(std::string_view("other"));

@@ -54,6 +54,12 @@ TEST_F(WorkspaceAccessTest, JoiningAskForAFreshStartAndLeavingDropsTheWorkspace)
     const Json fresh = server.sync(bob, 0);
     EXPECT_EQ(ids(fresh, "captures"), std::vector<std::string>{"c1"});
     EXPECT_EQ(server.sync(bob, fresh["cursor"])["resync_groups"], Json::array());
+    // A member, Bob may still not rewrite what Ann wrote.
+    server.sync(ann, 0, Json::array({{{"table", "comments"}, {"id", "m1"},
+                                      {"patch", {{"capture_id", "c1"}, {"body", "Ann's"}, {"kind", "comment"}}}}}));
+    const Json rewrite = server.sync(bob, 0, Json::array({{{"table", "comments"}, {"id", "m1"}, {"base_version", 1},
+                                                           {"patch", {{"body", "Bob's now"}}}}}));
+    EXPECT_EQ(rewrite["results"][0].value("reason", ""), "only its author can change a comment");
 
     ASSERT_EQ(server.admin({"workspace", "remove-member", "acme", "bob@example.com"}).status, 0);
     const Json after = server.sync(bob, fresh["cursor"]);
