@@ -279,8 +279,13 @@ TEST_F(SyncEngineTest, ARunFetchesAtMostThirtyImages) {
     }
     onFirstSync(changes);
     make();
+    // An image whose row refuses its paths is named and holds back no other.
+    db().execute("CREATE TEMP TRIGGER refuse BEFORE UPDATE OF image_path ON capture_images WHEN NEW.id = 'img-5' "
+                 "BEGIN SELECT RAISE(ABORT, 'refused'); END;");
     syncOnce();
+    EXPECT_EQ(logged("Download for image img-5 failed: SQL execution failed: refused"), 1);
     EXPECT_EQ(files().size(), 30u);
+    db().execute("DROP TRIGGER refuse;");
     syncOnce();
     EXPECT_EQ(files().size(), 31u);
 }
