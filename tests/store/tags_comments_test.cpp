@@ -33,7 +33,7 @@ TEST_F(StoreTest, CommentsSpeakForTheSignedInPersonAndWaitWhenShared) {
     for (const auto& id : {shared.id, local.id})
         for (const auto& c : store.comments(id))
             seen += c.body + ":" + c.actorLabel.value_or("-") + ":" + c.authorID.value_or("-") + ":" +
-                    std::string(rawValue(c.syncState)) + " ";
+                    std::string(rawValue(c.syncState)) + (c.isConflict() ? " (a conflict)" : "") + " ";
     EXPECT_EQ(seen, "agent:claude · Ada:me:pendingPush person:-:me:local labelled:bot:me:local ");
     EXPECT_EQ(store.pendingComments(10).size(), 1u);
     EXPECT_EQ(cell("captures", local.id, "updated_at"), "1717000000");
