@@ -100,6 +100,10 @@ TEST_F(SyncEndToEnd, TwoLibrariesConvergeThroughMirelServer) {
         }
     }
 
+    const Ran unknown = mirel("laptop", {"workspace", "nope"});
+    EXPECT_EQ(unknown.status, 1);
+    EXPECT_TRUE(unknown.err.starts_with("mirel workspace: no workspace \"nope\"; these are yours:\n")) << unknown.err;
+
     // A capture with two screenshots and marks goes from the laptop to the desktop.
     writeImageFile(scratch / "one.png", 120, 80, ImageFileFormat::png);
     writeImageFile(scratch / "two.jpg", 64, 64, ImageFileFormat::jpeg);
