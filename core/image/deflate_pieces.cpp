@@ -5,14 +5,12 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <bit>
 #include <cstring>
 #include <new>
 #include <vector>
 
 #include "core/image/png_filters.h"
-#include "core/image/workers.h"
 
 namespace mirel::ImageCodec::detail {
 
@@ -267,27 +265,6 @@ std::optional<ZlibStream> PiecedZlib::finish() {
     }
     for (int shift = 24; shift >= 0; shift -= 8) out_[filled++] = static_cast<std::uint8_t>(checksum >> shift);
     return ZlibStream(std::move(out_), filled);
-}
-
-std::optional<ZlibStream> zlibCompress(const std::uint8_t* data, std::size_t size, int level, int pieces) {
-    // Below this a piece's own start-up outweighs what a second core brings.
-    constexpr std::size_t smallestPiece = 128 * 1024;
-    const auto count = std::clamp<std::size_t>(size / smallestPiece, 1, static_cast<std::size_t>(std::max(pieces, 1)));
-    std::vector<std::size_t> begins(count + 1), sizes(count);
-    for (std::size_t index = 0; index <= count; ++index) begins[index] = size * index / count;
-    for (std::size_t index = 0; index < count; ++index) sizes[index] = begins[index + 1] - begins[index];
-    try {
-        PiecedZlib stream(sizes, level);
-        std::atomic<bool> failed{false};
-        parallelFor(static_cast<int>(count), [&](int at) {
-            const auto index = static_cast<std::size_t>(at);
-            if (!stream.compress(index, data + begins[index])) failed = true;
-        });
-        if (failed) return std::nullopt;
-        return stream.finish();
-    } catch (const std::bad_alloc&) {
-        return std::nullopt;
-    }
 }
 
 }  // namespace mirel::ImageCodec::detail

@@ -52,9 +52,6 @@ private:
     std::unique_ptr<std::uint8_t[]> out_;
 };
 
-// The zlib stream of `size` bytes at `data`, at libdeflate's `level`, cut
-// into `pieces` parts (1 compresses in one go). Nothing on failure.
-std::optional<ZlibStream> zlibCompress(const std::uint8_t* data, std::size_t size, int level, int pieces);
 
 // Where the last block of a raw deflate stream begins and where the stream
 // ends, in bits from its start; nothing if the bytes are not a whole stream.
