@@ -17,25 +17,29 @@ Format sniff(const std::uint8_t* bytes, std::size_t size) {
     return Format::unknown;
 }
 
-std::optional<Image> decode(const std::uint8_t* bytes, std::size_t size, int maxEdge) {
+namespace {
+
+// The decoder the bytes call for; the PNG and JPEG ones encode along when asked.
+std::optional<Image> decodeWith(const std::uint8_t* bytes, std::size_t size, int maxEdge, detail::EncodeAlong* along) {
     switch (sniff(bytes, size)) {
-        case Format::png: return detail::decodePNG(bytes, size, maxEdge);
-        case Format::jpeg: return detail::decodeJPEG(bytes, size, maxEdge);
+        case Format::png: return detail::decodePNG(bytes, size, maxEdge, along);
+        case Format::jpeg: return detail::decodeJPEG(bytes, size, maxEdge, along);
         case Format::webp: return detail::decodeWebP(bytes, size, maxEdge);
         case Format::unknown: break;
     }
     return std::nullopt;
 }
 
+}  // namespace
+
+std::optional<Image> decode(const std::uint8_t* bytes, std::size_t size, int maxEdge) {
+    return decodeWith(bytes, size, maxEdge, nullptr);
+}
+
 std::optional<std::vector<std::uint8_t>> decodeToPNG(const std::uint8_t* bytes, std::size_t size, int maxEdge,
                                                      PNGCompression compression) {
     detail::EncodeAlong along{compression, true, std::nullopt};
-    std::optional<Image> image;
-    switch (sniff(bytes, size)) {
-        case Format::png: image = detail::decodePNG(bytes, size, maxEdge, &along); break;
-        case Format::jpeg: image = detail::decodeJPEG(bytes, size, maxEdge, &along); break;
-        default: image = decode(bytes, size, maxEdge);
-    }
+    const std::optional<Image> image = decodeWith(bytes, size, maxEdge, &along);
     if (!image) return std::nullopt;
     // Encoded along as the image turned out to be, or encoded now.
     if (along.png && along.png->opaque() == image->opaque) {
