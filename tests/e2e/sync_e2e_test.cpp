@@ -97,6 +97,7 @@ TEST_F(SyncEndToEnd, TwoLibrariesConvergeThroughMirelServer) {
             EXPECT_EQ(child->waitForExit(), 0) << child->standardError();
             EXPECT_NE(out.find("Signed in as Ada (ada@example.com)."), std::string::npos) << out;
             EXPECT_NE(out.find("* Team (team, member)"), std::string::npos) << out;
+            EXPECT_NE(out.find("\nFirst sync: Up to date (last sync "), std::string::npos) << out;
         }
     }
 
@@ -112,9 +113,10 @@ TEST_F(SyncEndToEnd, TwoLibrariesConvergeThroughMirelServer) {
                R"("points":[{"x":0.1,"y":0.1},{"x":0.9,"y":0.9}]}]})");
     const Ran added = mirel("laptop", {"add", (scratch / "one.png").string(), (scratch / "two.jpg").string(),
                                        "--annotate", (scratch / "marks.json").string(), "--note",
-                                       "Save button clipped\nOn the settings page", "--priority", "high"});
+                                       "Save button clipped\nOn the settings page", "--priority", "high", "--group", "Layout"});
     ASSERT_EQ(added.status, 0) << added.err;
     const std::string id = added.out.substr(0, 36);
+    EXPECT_NE(mirel("laptop", {"status"}).out.find("\nWaiting to be sent: 1 capture, 2 images, 1 group\n"), std::string::npos);
     sync("laptop");
     sync("desktop");
     EXPECT_EQ(view("desktop", id), view("laptop", id));  // the text, and the screenshots byte for byte
@@ -124,6 +126,7 @@ TEST_F(SyncEndToEnd, TwoLibrariesConvergeThroughMirelServer) {
     agent("desktop").callTool("claim_capture", {{"id", id}});
     agent("desktop").callTool("comment_on_capture", {{"id", id}, {"body", "The label needs wrapping"}});
     agent("desktop").callTool("resolve_capture", {{"id", id}, {"reference", "abc123"}});
+    EXPECT_NE(mirel("desktop", {"status"}).out.find("\nWaiting to be sent: 1 capture, 1 comment\n"), std::string::npos);
     sync("desktop");
     sync("laptop");
     EXPECT_EQ(detail("laptop", id), detail("desktop", id));

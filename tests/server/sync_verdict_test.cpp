@@ -26,7 +26,7 @@ struct VerdictCase {
     const char* canonicalID = nullptr;
     Json rowAfter = nullptr;                  // fields of the record as the reply's changes carry it
     std::vector<std::string> history = {};    // activity kinds written by the change
-    bool conflictNote = false;
+    std::string conflictNote = {};            // the body of the conflict note it writes
     const char* reason = nullptr;             // of a rejection, when it matters here
 };
 
@@ -63,10 +63,12 @@ std::vector<VerdictCase> verdictCases() {
      {{'a', newCapture("c")}, {'a', capture("c", 1, {{"note", "by a"}})}},
      {'b', capture("c", 1, {{"priority", "high"}})}, "merged", 3, {}, false, nullptr,
      {{"note", "by a"}, {"priority", "high"}}},
-    {"a stale base keeps the server's value where another device changed the field",
+    {"a stale base keeps the server's value where another device changed the field, and a note keeps the other",
      {{'a', newCapture("c")}, {'a', capture("c", 1, {{"note", "by a"}})}},
-     {'b', capture("c", 1, {{"note", "by b"}, {"priority", "low"}})}, "merged", 3, {"note"}, false, nullptr,
-     {{"note", "by a"}, {"priority", "low"}}, {}, true},
+     {'b', capture("c", 1, {{"note", std::string(296, 'b') + "é and more"}, {"priority", "low"}})}, "merged", 3, {"note"},
+     false, nullptr, {{"note", "by a"}, {"priority", "low"}}, {},
+     // cut to 300 bytes of whole characters
+     "These edits were not applied because someone changed the same fields first:\nnote: “" + std::string(296, 'b') + "…"},
     {"a stale base wins where the same device changed the field last",
      {{'a', newCapture("c")}, {'b', capture("c", 1, {{"note", "by b"}})}},
      {'b', capture("c", 1, {{"note", "by b again"}})}, "merged", 3, {}, false, nullptr, {{"note", "by b again"}}},
@@ -95,10 +97,10 @@ std::vector<VerdictCase> verdictCases() {
     {"a capture in a workspace the user isn't in", {}, {'a', capture("c", 0, {{"workspace_id", "OTHER"}})},
      "rejected", std::nullopt, {}, false},
     {"moving a capture to another workspace", {{'a', newCapture("c")}},
-     {'a', capture("c", 1, {{"workspace_id", "OTHER"}})}, "rejected", std::nullopt, {}, false, nullptr, nullptr, {}, false,
+     {'a', capture("c", 1, {{"workspace_id", "OTHER"}})}, "rejected", std::nullopt, {}, false, nullptr, nullptr, {}, {},
      "a capture can't move to another workspace"},
     {"a new group without its workspace", {}, {'a', group("g", 0, {{"name", "Loose"}})}, "rejected", std::nullopt, {},
-     false, nullptr, nullptr, {}, false, "a new group needs its workspace_id"},
+     false, nullptr, nullptr, {}, {}, "a new group needs its workspace_id"},
     {"a capture whose group hasn't arrived", {}, {'a', capture("c", 0, {{"workspace_id", "WS"}, {"group_id", "g"}})},
      "rejected", std::nullopt, {}, true},
     {"an image before its capture", {}, {'a', image("i", "c", "SHA")}, "rejected", std::nullopt, {}, true},
@@ -108,7 +110,7 @@ std::vector<VerdictCase> verdictCases() {
      false, nullptr, {{"capture_id", "c"}, {"original_sha256", "SHA"}, {"marked_sha256", nullptr}}},
     {"a tombstone", {{'a', newCapture("c")}}, {'b', tombstone("captures", "c", 0)}, "applied", 2},
     {"an edit of a deleted capture", {{'a', newCapture("c")}, {'a', tombstone("captures", "c", 1)}},
-     {'b', capture("c", 1, {{"note", "late"}})}, "rejected", std::nullopt, {}, false, nullptr, nullptr, {}, false,
+     {'b', capture("c", 1, {{"note", "late"}})}, "rejected", std::nullopt, {}, false, nullptr, nullptr, {}, {},
      "this capture was deleted on the server"},
     {"a group can't be deleted", {{'a', newGroup("g", "Kept")}}, {'a', tombstone("groups", "g", 1)}, "rejected",
      std::nullopt, {}, false},
@@ -193,11 +195,11 @@ TEST_F(SyncVerdictTest, EachChangeGetsItsVerdict) {
         }
 
         std::vector<std::string> history;
-        bool note = false;
+        std::string note;
         Json row;
         for (const auto& item : reply["changes"]) {
             if (item["table"] == "activity") history.push_back(item["row"]["kind"]);
-            if (item["table"] == "comments" && item["row"]["kind"] == "conflict") note = true;
+            if (item["table"] == "comments" && item["row"]["kind"] == "conflict") note = item["row"]["body"];
             if (item["row"]["id"] == sent["id"]) row = item["row"];
         }
         EXPECT_EQ(history, c.history);

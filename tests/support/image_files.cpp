@@ -18,7 +18,9 @@ namespace mirel::test {
 namespace {
 
 // libjpeg's own error handler ends the program; it is only ever given pictures it can write.
-std::vector<std::uint8_t> encodeJPEG(const Image& image) {
+// CMYK is written as Adobe's tools write it: inverted inks, here without black,
+// so that each ink byte is its colour's own byte.
+std::vector<std::uint8_t> encodeJPEG(const Image& image, bool cmyk) {
     jpeg_compress_struct info{};
     jpeg_error_mgr errors{};
     info.err = jpeg_std_error(&errors);
@@ -29,14 +31,21 @@ std::vector<std::uint8_t> encodeJPEG(const Image& image) {
     info.image_width = static_cast<JDIMENSION>(image.width);
     info.image_height = static_cast<JDIMENSION>(image.height);
     info.input_components = 4;
-    info.in_color_space = JCS_EXT_BGRX;  // native ARGB words on little-endian machines
-    jpeg_set_defaults(&info);
+    info.in_color_space = cmyk ? JCS_CMYK : JCS_EXT_BGRX;  // native ARGB words on little-endian machines
+    jpeg_set_defaults(&info);  // with the Adobe marker for CMYK
     jpeg_set_quality(&info, 92, TRUE);
     jpeg_start_compress(&info, TRUE);
+    std::vector<JSAMPLE> inks;
     while (info.next_scanline < info.image_height) {
         auto* row = const_cast<JSAMPROW>(
             reinterpret_cast<const JSAMPLE*>(image.pixels.data() + std::size_t{info.next_scanline} * image.width));
+        for (int x = 0; cmyk && x < image.width; ++x) {
+            const RGBA c = colorAt(image, x, static_cast<int>(info.next_scanline));
+            inks.insert(inks.end(), {JSAMPLE(c.r), JSAMPLE(c.g), JSAMPLE(c.b), 255});
+        }
+        if (cmyk) row = inks.data();
         jpeg_write_scanlines(&info, &row, 1);
+        inks.clear();
     }
     jpeg_finish_compress(&info);
     jpeg_destroy_compress(&info);
@@ -100,7 +109,8 @@ std::vector<std::uint8_t> encodeImageFile(const Image& image, ImageFileFormat fo
             if (!png) throw std::runtime_error("PNG encoding failed");
             return std::move(*png);
         }
-        case ImageFileFormat::jpeg: return encodeJPEG(image);
+        case ImageFileFormat::jpeg: return encodeJPEG(image, false);
+        case ImageFileFormat::cmykJpeg: return encodeJPEG(image, true);
         case ImageFileFormat::webp: return encodeWebP(image);
     }
     return {};

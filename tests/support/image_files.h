@@ -10,7 +10,7 @@
 
 namespace mirel::test {
 
-enum class ImageFileFormat { png, jpeg, webp };
+enum class ImageFileFormat { png, jpeg, cmykJpeg, webp };
 
 // Straight (un-premultiplied) colour of one pixel.
 struct RGBA {
@@ -28,7 +28,7 @@ Image solidImage(int width, int height, RGBA color);
 Image patternImage(int width, int height, bool opaque = true);
 
 // The image as the bytes of a file in the format: PNG as ImageCodec encodes it,
-// JPEG at quality 92, WebP lossy at quality 90 (with alpha if the image has
+// JPEG at quality 92 (also as Adobe's CMYK), WebP lossy at quality 90 (with alpha if the image has
 // it). Throws std::runtime_error on failure (JPEG: ends the program).
 std::vector<std::uint8_t> encodeImageFile(const Image& image, ImageFileFormat format);
 // A PNG built by hand around `rows`, already filtered (a filter byte before
