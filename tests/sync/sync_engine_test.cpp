@@ -72,13 +72,15 @@ protected:
         for (const Json& change : body["changes"]) results.push_back({{"id", change["id"]}, {"status", "applied"}});
         return {{"results", results}};
     }
-    void make() {
+    void make(SyncIntervals intervals = {}) {
         statuses.clear();
-        engine = SyncEngine::create(io.get_executor(), store, server.url(), "test", "1.0");
+        engine = SyncEngine::create(io.get_executor(), store, server.url(), "test", "1.0", intervals);
         engine->onStatus([this](const SyncStatus& status) { statuses.push_back(std::string(status.name())); });
     }
-    void syncOnce() {
-        asio::co_spawn(engine->executor(), engine->syncNow(), asio::detached);
+    // One run asked for; or, `started` as the host starts it, the engine's timer and event stream until they end.
+    void syncOnce(bool started = false) {
+        if (started) engine->start();
+        else asio::co_spawn(engine->executor(), engine->syncNow(), asio::detached);
         io.run_for(10s);
         io.restart();
     }
@@ -207,8 +209,8 @@ TEST_F(SyncEngineTest, EachKindOfFailureGivesItsStatusAndLosesNoEdit) {
             response.set_content(body, "application/json");
         });
         const auto before = log();
-        make();
-        syncOnce();
+        make({.reconnect = 20ms});
+        syncOnce(status == 401);
         EXPECT_EQ(statuses.back(), wantStatus);
         auto added = log();
         added.resize(added.size() - before.size());
@@ -220,6 +222,10 @@ TEST_F(SyncEngineTest, EachKindOfFailureGivesItsStatusAndLosesNoEdit) {
         if (std::string(wantStatus) == "sessionExpired") {
             EXPECT_FALSE(engine->isSignedIn());
             EXPECT_EQ(Keychain::read("session"), std::nullopt);
+            // The server hears nothing more once the session is gone: no timer-driven run, no reconnecting stream.
+            const auto seen = server.seen();
+            const auto expiry = std::find_if(seen.rbegin(), seen.rend(), [](auto& r) { return r.target == "/v1/sync"; });
+            EXPECT_LE(std::count_if(seen.rbegin(), expiry, [](auto& r) { return r.target.starts_with("/v1/events"); }), 1);
             Keychain::write("token-2", "session");
             make();
         }
