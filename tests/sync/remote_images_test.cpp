@@ -66,9 +66,7 @@ TEST_F(RemoteImages, NewRowsTombstonesAndTheCover) {
     const CaptureImage fresh = makeImage(owner.id);  // never stored here: the server's
     store.applyRemoteImage(remoteFor(fresh, R"({"width":5,"marked_sha256":null,"thumb_sha256":null})"));
     EXPECT_EQ(cells("capture_images", fresh.id, "image_path, sync_state"), "|synced");
-    EXPECT_TRUE(awaiting(fresh.id));
     EXPECT_EQ(cells("captures", owner.id, "image_width"), "5");  // the cover follows
-    EXPECT_EQ(store.imagesAwaitingDownload(1).front().workspaceID, kWorkspace);
 
     // A tombstone removes row and files, and the cover moves on.
     const CaptureImage first = seedDownloaded("synced", {}, 1);
