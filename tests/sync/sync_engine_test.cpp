@@ -55,11 +55,9 @@ protected:
 
     // Answers each /v1/sync with `reply(body, exchange number from 1)`.
     void onSync(std::function<Json(const Json&, int)> reply) {
-        server.on("POST /v1/sync", [this, reply](const httplib::Request& request, httplib::Response& response) {
-            const Json body = *parseJSON(request.body);
-            std::lock_guard lock(mutex);
-            sentBodies.push_back(body);
-            response.set_content(reply(body, static_cast<int>(sentBodies.size())).dump(), "application/json");
+        server.on("POST /v1/sync", [reply, n = std::make_shared<std::atomic<int>>(0)](const httplib::Request& request,
+                                                                                      httplib::Response& response) {
+            response.set_content(reply(*parseJSON(request.body), ++*n).dump(), "application/json");
         });
     }
     // The changes of the first exchange; later ones bring nothing.
@@ -84,10 +82,18 @@ protected:
         io.run_for(10s);
         io.restart();
     }
+    // The bodies of the exchanges, in order.
+    std::vector<Json> sentBodies() {
+        std::vector<Json> bodies;
+        for (const auto& request : server.seen()) {
+            if (request.target == "/v1/sync") bodies.push_back(*parseJSON(request.body));
+        }
+        return bodies;
+    }
     // How many exchanges carried a change of `id`.
     int timesSent(const std::string& id) {
         int count = 0;
-        for (const Json& body : sentBodies) {
+        for (const Json& body : sentBodies()) {
             for (const Json& change : body["changes"]) count += change["id"] == id;
         }
         return count;
@@ -144,8 +150,6 @@ protected:
     asio::io_context io;
     std::shared_ptr<SyncEngine> engine;
     std::vector<std::string> statuses;
-    std::mutex mutex;
-    std::vector<Json> sentBodies;
 };
 
 std::string id8(const std::string& id) { return id.substr(id.size() - 8); }
@@ -236,7 +240,7 @@ TEST_F(SyncEngineTest, MoreForeverGivesTwentySixExchangesInARun) {
     onSync([](const Json&, int) { return Json{{"more", true}, {"cursor", 1}}; });
     make();
     syncOnce();
-    EXPECT_EQ(sentBodies.size(), 26u);
+    EXPECT_EQ(sentBodies().size(), 26u);
     EXPECT_EQ(statuses.back(), "idle");
 }
 
@@ -252,8 +256,8 @@ TEST_F(SyncEngineTest, AnEditMadeWhileItsChangeIsInFlightGoesOutNext) {
     });
     make();
     syncOnce();
-    ASSERT_EQ(sentBodies.size(), 2u);
-    EXPECT_EQ(sentBodies[1]["changes"][0]["patch"]["note"], "Second words");
+    ASSERT_EQ(sentBodies().size(), 2u);
+    EXPECT_EQ(sentBodies()[1]["changes"][0]["patch"]["note"], "Second words");
     EXPECT_EQ(cells("captures", c.id, "sync_state"), "synced");
 }
 
@@ -409,7 +413,7 @@ TEST_F(SyncEngineTest, TheDailyReconcileDropsWhatTheServerLostAndRefetchesWhatIs
     EXPECT_GE(listener.settle(1), 1);
     EXPECT_EQ(store.syncedCaptureIDs(), std::vector<std::string>{kept.id});
     EXPECT_EQ(logged("1 captures missing locally; pulling everything again"), 1);
-    EXPECT_EQ(sentBodies.back()["cursor"], 0) << "a whole pull follows at once";
+    EXPECT_EQ(sentBodies().back()["cursor"], 0) << "a whole pull follows at once";
 }
 
 }  // namespace
