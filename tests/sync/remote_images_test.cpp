@@ -66,15 +66,12 @@ TEST_F(RemoteImages, NewRowsTombstonesAndTheCover) {
     const CaptureImage fresh = makeImage(owner.id);  // never stored here: the server's
     store.applyRemoteImage(remoteFor(fresh, R"({"width":5,"marked_sha256":null,"thumb_sha256":null})"));
     EXPECT_EQ(cells("capture_images", fresh.id, "image_path, sync_state"), "|synced");
-    EXPECT_TRUE(awaiting(fresh.id));
     EXPECT_EQ(cells("captures", owner.id, "image_width"), "5");  // the cover follows
-    EXPECT_EQ(store.imagesAwaitingDownload(1).front().workspaceID, kWorkspace);
 
     // A tombstone removes row and files, and the cover moves on.
     const CaptureImage first = seedDownloaded("synced", {}, 1);
     std::filesystem::create_directories(first.originalURL().parent_path());
     std::ofstream(first.originalURL()) << "x";
-    EXPECT_EQ(std::pair(store.rawImage(fresh.id)->isAwaitingDownload(), first.isAwaitingDownload()), std::pair(true, false));
     const std::string gone = R"({"deleted_at":"2024-06-01T00:00:00Z"})";
     store.applyRemoteImage(remoteFor(fresh, gone));
     EXPECT_FALSE(rowExists("capture_images", fresh.id));
