@@ -203,7 +203,7 @@ SyncEngine::DownloadedImage SyncEngine::fetchFilesOf(const SyncClient& client, c
                             std::nullopt, Durability::byCaller);
         return relative;
     };
-    if (paths.imagePath.empty() && image.originalSHA256) {
+    if (image.isAwaitingDownload()) {
         paths.imagePath = fetch(*image.originalSHA256, image.id, MirelPaths::capturesRoot());
     }
     // Equal hashes: the image has no separate marked-up file.
