@@ -31,8 +31,7 @@ TEST_F(StoreTest, UpsertingAndDeletingGroups) {
     EXPECT_FALSE(store.group(namesake.id));
     store.setSyncMeta("default_workspace_id", "ws");
     const CaptureGroup shared = store.upsertGroup(makeGroup("Shared"));
-    EXPECT_EQ(shared.workspaceID, "ws");
-    EXPECT_EQ(pending("groups", shared.id), "pendingPush {*}");
+    EXPECT_EQ(shared.workspaceID.value_or("-") + " " + pending("groups", shared.id), "ws pendingPush {*}");
     store.markSynced("groups", shared.id, 4);
     CaptureGroup renamed = shared;
     renamed.name = "Shared work";

@@ -68,8 +68,7 @@ TEST_F(StoreTest, CountsAndTheChangeStamp) {
     store.addImage(makeImage(a.id));
     store.addImage(makeImage(a.id));
     store.addComment(makeComment(b.id, "hi", "Ada", false, 5.5));
-    const std::map<CaptureStatus, std::int64_t> statuses = {{CaptureStatus::open, 1}, {CaptureStatus::resolved, 1}};
-    EXPECT_EQ(store.countsByStatus(), statuses);
+    EXPECT_EQ(store.countsByStatus(), (std::map<CaptureStatus, std::int64_t>{{CaptureStatus::open, 1}, {CaptureStatus::resolved, 1}}));
     EXPECT_EQ(store.imageCounts(), (std::map<std::string, std::int64_t>{{a.id, 2}}));
     EXPECT_EQ(store.imageCounts({b.id}), (std::map<std::string, std::int64_t>{}));
     EXPECT_EQ(store.commentCounts({a.id, b.id}), (std::map<std::string, std::int64_t>{{b.id, 1}}));
