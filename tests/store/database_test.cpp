@@ -126,8 +126,7 @@ TEST_F(DatabaseTest, TransactionsCommitWholeNestAndActionsWaitForTheOutermostCom
     EXPECT_EQ(ran, (std::vector<std::string>{"outer", "inner", "now"}));
 }
 
-TEST(DatabaseOpenTest, AFileThatIsNoDatabaseIsAnError) {
-    test::TempLibrary library;
+TEST_F(DatabaseTest, AFileThatIsNoDatabaseIsAnError) {
     std::ofstream(library.databasePath()) << std::string(5000, 'x');
     EXPECT_THROW(Database{library.databasePath()}, DatabaseError);
     const auto open = sqliteError(nullptr, 14, DatabaseError::Case::openFailed, "", "m");

@@ -25,7 +25,7 @@ protected:
     Capture shot = filed("shot", true);
 };
 
-TEST_F(ImagesTest, NumbersCoverAndLedgerFollowEachChange) {
+TEST_F(ImagesTest, NumbersCoverModeAndLedgerFollowEachChange) {
     EXPECT_EQ(add("a", -1).position, 0);
     add("b", 3);
     EXPECT_EQ(add("c", -1).position, 4);
@@ -53,21 +53,19 @@ TEST_F(ImagesTest, NumbersCoverAndLedgerFollowEachChange) {
     for (const char* id : {"b", "c", "d"}) store.deleteImage(id);
     EXPECT_EQ(layout(), "| - 0");
     EXPECT_EQ(cell("captures", shot.id, "thumb_path"), "NULL");
-    // In a capture that is not shared, an image goes without trace.
-    const CaptureImage lone = store.addImage(makeImage(filed("local").id));
-    EXPECT_TRUE(store.deleteImage(lone.id));
-    EXPECT_EQ(cell("capture_images", lone.id, "id"), "NULL");
-    EXPECT_FALSE(store.deleteImage("no-such-image"));
-    EXPECT_THROW(store.addImage(makeImage("no-such-capture")), DatabaseError);
-}
-
-TEST_F(ImagesTest, EqualPositionsFollowCreationAndTheModeIsMarked) {
+    // Images at the same number lie in the order they were made.
     add("z", 0);
     add("y", 0);
     EXPECT_EQ(layout(), "0:y 0:z | y.png 121");
     store.setCaptureMode(CaptureMode::window, shot.id);
     EXPECT_EQ(store.capture(shot.id)->captureMode, CaptureMode::window);
     EXPECT_EQ(pending("captures", shot.id), "pendingPush {capture_mode}");
+    // In a capture that is not shared, an image goes without trace.
+    const CaptureImage lone = store.addImage(makeImage(filed("local").id));
+    EXPECT_TRUE(store.deleteImage(lone.id));
+    EXPECT_EQ(cell("capture_images", lone.id, "id"), "NULL");
+    EXPECT_FALSE(store.deleteImage("no-such-image"));
+    EXPECT_THROW(store.addImage(makeImage("no-such-capture")), DatabaseError);
 }
 
 }  // namespace

@@ -5,39 +5,25 @@
 namespace mirel::test {
 namespace {
 
-TEST_F(StoreTest, OnlyRowsThatTakePartInSyncAreMarked) {
-    const std::tuple<std::optional<std::string>, bool, const char*> rows[] = {
-        {std::nullopt, false, "local {} local {}"},
-        {"ws", true, "local {} local {}"},
-        {"ws", false, "pendingPush {note} pendingPush {position}"},
-    };
-    for (const auto& [workspace, localOnly, expected] : rows) {
-        Capture c = makeCapture();
-        c.workspaceID = workspace, c.localOnly = localOnly;
-        store.insert(c);
-        CaptureImage image = makeImage(c.id);
-        store.addImage(image);
-        raw.execute("UPDATE captures SET pending = NULL, sync_state = 'local';");
-        raw.execute("UPDATE capture_images SET pending = NULL, sync_state = 'local';");
-        store.markPending("captures", c.id, {"note"});
-        store.markPending("capture_images", image.id, {"position"});
-        store.markPending("comments", c.id, {"body"});  // no field ledger: ignored
-        EXPECT_EQ(pending("captures", c.id) + " " + pending("capture_images", image.id), expected);
-    }
-}
-
-TEST_F(StoreTest, MarksMergeAndTheAcknowledgementClearsThem) {
-    Capture older = makeCapture("older", 10), newer = makeCapture("newer", 20);
-    older.workspaceID = newer.workspaceID = "ws";
-    store.insert(newer);
-    store.insert(older);
+TEST_F(StoreTest, OnlySharedRowsAreMarkedMarksMergeAndTheAcknowledgementClearsThem) {
+    Capture older = makeCapture("older", 10), newer = makeCapture("newer", 20), local = makeCapture(), localOnly = makeCapture();
+    older.workspaceID = newer.workspaceID = localOnly.workspaceID = "ws";
+    localOnly.localOnly = true;
+    for (const auto& c : {newer, older, local, localOnly}) store.insert(c);
+    const CaptureImage image = store.addImage(makeImage(older.id)), localImage = store.addImage(makeImage(local.id));
     store.markSynced("captures", older.id, 3);
-    store.markPending("captures", older.id, {"note"});
+    store.markSynced("capture_images", image.id, 1);
+    for (const auto& c : {older, local, localOnly}) store.markPending("captures", c.id, {"note"});
     store.markPending("captures", older.id, {"status", "note"});
+    for (const auto& i : {image, localImage}) store.markPending("capture_images", i.id, {"position"});
+    store.markPending("comments", older.id, {"body"});  // no field ledger: ignored
+    EXPECT_EQ(pending("captures", local.id) + " " + pending("captures", localOnly.id) + " " + pending("capture_images", localImage.id),
+              "local {} local {} local {}");
     store.recordActivity(older.id, "commented", "", "Bob", "remote-1", 30, std::nullopt, true);
     using Pending = CaptureStore::Pending;
     EXPECT_EQ(store.pending("captures", 10), (std::vector<Pending>{{older.id, {"note", "status"}, 3}, {newer.id, {"*"}, 0}}));
     EXPECT_EQ(store.pending("captures", 1).size(), 1u);
+    EXPECT_EQ(store.pending("capture_images", 10), (std::vector<Pending>{{image.id, {"position"}, 1}}));
 
     store.markSynced("captures", older.id, std::nullopt);
     store.markSynced("captures", newer.id, 8);

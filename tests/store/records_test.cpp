@@ -18,7 +18,6 @@ TEST(RecordsTest, WordsTitlesAndInitials) {
         words += std::string(rawValue(mode)) + "/" + std::string(displayName(mode)) + " ";
     EXPECT_EQ(words, "open/Open in_progress/In Progress resolved/Resolved archived/Archived region/Region "
                      "fullscreen/Full Screen window/Window text/Text only ");
-    EXPECT_EQ(captureStatusFrom("in_progress").value_or(CaptureStatus::open), CaptureStatus::inProgress);
     EXPECT_FALSE(captureStatusFrom("Open") || syncStateFrom("pending_push") || capturePriorityFrom(""));
     EXPECT_EQ(std::vector({sortWeight(CapturePriority::high), sortWeight(CapturePriority::normal), sortWeight(CapturePriority::low)}),
               std::vector({0, 1, 2}));

@@ -37,7 +37,6 @@ TEST_F(StoreTest, CommentsSpeakForTheSignedInPersonAndWaitWhenShared) {
     EXPECT_EQ(seen, "agent:claude · Ada:me:pendingPush person:-:me:local labelled:bot:me:local ");
     EXPECT_EQ(store.pendingComments(10).size(), 1u);
     EXPECT_EQ(cell("captures", local.id, "updated_at"), "1717000000");
-    EXPECT_THROW(store.addComment(makeComment("no-such-capture", "x")), DatabaseError);
 }
 
 TEST_F(StoreTest, HistoryLinesAreInTimeOrderAndNameTheirActor) {
@@ -50,7 +49,6 @@ TEST_F(StoreTest, HistoryLinesAreInTimeOrderAndNameTheirActor) {
     for (const auto& e : store.activity(c.id)) lines += e.kind + ":" + e.actorID.value_or("-") + " ";
     EXPECT_EQ(lines, "commented:- claimed:me created:- ");
     EXPECT_EQ(cell("activity", "n-1", "actor_id"), "them");
-    EXPECT_THROW(store.recordActivity("no-such-capture", "x", "", "you", "x-1", 1, std::nullopt, false), DatabaseError);
 }
 
 }  // namespace

@@ -12,12 +12,12 @@ namespace {
 
 TEST_F(StoreTest, InsertDecidesWhetherACaptureIsBornShared) {
     const std::tuple<std::optional<std::string>, bool, std::optional<std::string>, const char*> rows[] = {
-        {std::nullopt, false, std::nullopt, "NULL local {}"},
-        {"ws-1", false, std::nullopt, "ws-1 pendingPush {*}"},
-        {std::nullopt, false, "ws-2", "ws-2 pendingPush {*}"},
-        {"ws-1", false, "ws-2", "ws-1 pendingPush {*}"},
-        {std::nullopt, true, "ws-2", "NULL local {}"},
-        {"ws-1", true, std::nullopt, "ws-1 local {}"},
+        {"ws-1", false, std::nullopt, "ws-1 me pendingPush {*}"},
+        {std::nullopt, false, "ws-2", "ws-2 me pendingPush {*}"},
+        {"ws-1", false, "ws-2", "ws-1 me pendingPush {*}"},
+        {std::nullopt, true, "ws-2", "NULL me local {}"},
+        {"ws-1", true, std::nullopt, "ws-1 me local {}"},
+        {std::nullopt, false, std::nullopt, "NULL me local {}"},  // the default set above is gone
     };
     store.setSyncMeta("user_id", "me");
     for (const auto& [workspace, localOnly, defaultWorkspace, expected] : rows) {
@@ -26,8 +26,8 @@ TEST_F(StoreTest, InsertDecidesWhetherACaptureIsBornShared) {
         c.workspaceID = workspace;
         c.localOnly = localOnly;
         store.insert(c);
-        EXPECT_EQ(cell("captures", c.id, "workspace_id") + " " + pending("captures", c.id), expected);
-        EXPECT_EQ(cell("captures", c.id, "author_id"), "me");
+        EXPECT_EQ(cell("captures", c.id, "workspace_id") + " " + cell("captures", c.id, "author_id") + " " + pending("captures", c.id),
+                  expected);
         const auto history = store.activity(c.id);
         ASSERT_EQ(history.size(), 1u);
         EXPECT_EQ(history[0].kind + ":" + history[0].detail + ":" + history[0].actor + ":" + *history[0].actorID,

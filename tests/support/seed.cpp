@@ -28,10 +28,9 @@ CaptureImage makeImage(const std::string& captureID, std::int64_t position, Date
     return image;
 }
 
-CaptureGroup makeGroup(const std::string& name, const std::optional<std::string>& workspaceID,
-                       Date createdAt) {
+CaptureGroup makeGroup(const std::string& name, const std::optional<std::string>& workspaceID) {
     CaptureGroup group;
-    group.id = newID(), group.name = name, group.createdAt = group.updatedAt = createdAt, group.workspaceID = workspaceID;
+    group.id = newID(), group.name = name, group.createdAt = group.updatedAt = kSeedDate, group.workspaceID = workspaceID;
     return group;
 }
 

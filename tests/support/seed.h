@@ -34,9 +34,8 @@ Capture makeCapture(const std::string& note = "A capture", Date createdAt = kSee
 CaptureImage makeImage(const std::string& captureID, std::int64_t position = 0,
                        Date createdAt = kSeedDate);
 
-// A live local group.
-CaptureGroup makeGroup(const std::string& name, const std::optional<std::string>& workspaceID = {},
-                       Date createdAt = kSeedDate);
+// A live local group, made at kSeedDate.
+CaptureGroup makeGroup(const std::string& name, const std::optional<std::string>& workspaceID = {});
 
 // A comment by a person ("Ada"), or by an agent when `isAgent`.
 Comment makeComment(const std::string& captureID, const std::string& body,
