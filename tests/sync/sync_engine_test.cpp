@@ -93,7 +93,7 @@ protected:
     int timesSent(const std::string& id) {
         int count = 0;
         for (const Json& body : sentBodies()) {
-            for (const Json& change : body["changes"]) count += change["id"] == id;
+            for (const Json& change : body["changes"]) count += change.value("id", "") == id;
         }
         return count;
     }
@@ -279,7 +279,9 @@ TEST_F(SyncEngineTest, ARunFetchesAtMostThirtyImagesAndOnlyByPlainNames) {
     EXPECT_EQ(logged("is not a plain file name"), 3);
     EXPECT_EQ(countRows("capture_images"), 31);
     for (const auto& seen : server.seen()) {
-        if (seen.target.starts_with("/v1/blobs")) EXPECT_EQ(seen.target, "/v1/blobs/ws-1/" + shot.sha);
+        if (seen.target.starts_with("/v1/blobs")) {
+            EXPECT_EQ(seen.target, "/v1/blobs/ws-1/" + shot.sha);
+        }
     }
     EXPECT_EQ(files().size(), 30u);
     db().execute("DROP TRIGGER refuse;");
