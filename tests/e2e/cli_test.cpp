@@ -161,7 +161,8 @@ TEST_F(CliTest, ExitStatusesUsageAndTheDemoBoard) {
         {{"list", "-h"}, 0, "usage: mirel list", ""}, {{"list", "--limit=0"}, 2, "", "--limit takes a whole number from 1"},
         {{"list", "--status", "done"}, 2, "", "--status takes open, in_progress"}, {{"list", "x"}, 2, "", "unexpected argument"},
         {{"show"}, 2, "", "usage: mirel show"}, {{"demo", "extra"}, 2, "", "unexpected argument"},
-        {{"path"}, 0, "/mirel.sqlite\n", ""}, {{"demo"}, 0, "", ""}, {{"demo"}, 0, "", ""},
+        {{"sync", "--help"}, 0, "usage: mirel sync", ""}, {{"path"}, 0, "/mirel.sqlite\n", ""},
+        {{"demo"}, 0, "", ""}, {{"demo"}, 0, "", ""},
     };
     for (const auto& [arguments, status, out, err] : rows) {
         const Ran result = run(arguments);
@@ -178,6 +179,7 @@ TEST_F(CliTest, ExitStatusesUsageAndTheDemoBoard) {
     for (const auto& capture : store.captures(all)) statuses.insert(capture.status);
     EXPECT_EQ(store.groups().size() * 100 + statuses.size(), 304u);
     EXPECT_GE(store.captures(all).size(), 20u);
+    EXPECT_GT(Database(library.databasePath()).query("SELECT COUNT(*) AS n FROM comments")[0].intValue("n"), 0);
 }
 
 }  // namespace

@@ -35,17 +35,16 @@ std::vector<std::uint8_t> encodeJPEG(const Image& image, bool cmyk) {
     jpeg_set_defaults(&info);  // with the Adobe marker for CMYK
     jpeg_set_quality(&info, 92, TRUE);
     jpeg_start_compress(&info, TRUE);
-    std::vector<JSAMPLE> inks;
     while (info.next_scanline < info.image_height) {
         auto* row = const_cast<JSAMPROW>(
             reinterpret_cast<const JSAMPLE*>(image.pixels.data() + std::size_t{info.next_scanline} * image.width));
+        std::vector<JSAMPLE> inks;
         for (int x = 0; cmyk && x < image.width; ++x) {
             const RGBA c = colorAt(image, x, static_cast<int>(info.next_scanline));
             inks.insert(inks.end(), {JSAMPLE(c.r), JSAMPLE(c.g), JSAMPLE(c.b), 255});
         }
         if (cmyk) row = inks.data();
         jpeg_write_scanlines(&info, &row, 1);
-        inks.clear();
     }
     jpeg_finish_compress(&info);
     jpeg_destroy_compress(&info);

@@ -221,6 +221,7 @@ TEST_F(SyncEngineTest, EachKindOfFailureGivesItsStatusAndLosesNoEdit) {
         }
         if (std::string(wantStatus) == "sessionExpired") {
             EXPECT_FALSE(engine->isSignedIn());
+            EXPECT_TRUE(engine->status().isSignedIn()) << "an expired session still counts as signed in";
             EXPECT_EQ(Keychain::read("session"), std::nullopt);
             // The server hears nothing more once the session is gone: no timer-driven run, no reconnecting stream.
             const auto seen = server.seen();
