@@ -60,8 +60,6 @@ TEST(Integrity, TwoServersOnOneCaptureLoseNoAcknowledgedWrite) {
     }
     stop = true;
     claiming.join();
-    std::cout << "[ figures ] " << acknowledged << " acknowledged updates, " << reverted << " reverted, "
-              << workerCalls << " claims and reopens\n";
     EXPECT_GT(acknowledged, 20);
     EXPECT_GT(workerCalls, 20);
     EXPECT_EQ(reverted, 0);

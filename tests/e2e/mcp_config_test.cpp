@@ -23,7 +23,7 @@ protected:
     // the entry has to carry both.
     Ran run(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), "mcp-config");
-        return runMirel(home_ / "library", arguments, "",
+        return runMirel(home_ / "Ann's library", arguments, "",
                         {{"HOME", home_.string()}, {"XDG_CONFIG_HOME", (home_ / "xdg").string()}, {"MIREL_AGENT", "claude"}});
     }
 
@@ -69,7 +69,7 @@ TEST_F(McpConfigTest, InstallKeepsEverythingElseAndLeavesABackup) {
         OrderedJson expected = OrderedJson::parse(original);
         OrderedJson& entry = expected[c.serversKey]["mirel"] = c.typed ? OrderedJson{{"type", "stdio"}} : OrderedJson::object();
         entry.update({{"command", server}, {"args", OrderedJson::array()},
-                      {"env", {{"MIREL_HOME", (home_ / "library").string()}, {"MIREL_AGENT", "claude"}}}});
+                      {"env", {{"MIREL_HOME", (home_ / "Ann's library").string()}, {"MIREL_AGENT", "claude"}}}});
         EXPECT_EQ(OrderedJson::parse(written).dump(), expected.dump());  // same keys, same order
 
         // Again: nothing to do, nothing written.
@@ -112,8 +112,8 @@ TEST_F(McpConfigTest, InstallRefusesAFileItCannotParseAndMakesAMissingOne) {
 TEST_F(McpConfigTest, PrintsClaudeCodesCommandAndRefusesInstallForOthers) {
     Ran result = run({"--client", "claude-code"});
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "claude mcp add -e MIREL_HOME=" + (home_ / "library").string() +
-                              " -e MIREL_AGENT=claude --scope user mirel -- " + server + "\n");
+    EXPECT_EQ(result.out, "claude mcp add -e 'MIREL_HOME=" + home_.string() +
+                              "/Ann'\\''s library' -e MIREL_AGENT=claude --scope user mirel -- " + server + "\n");
     result = run({"--client", "generic", "--install"});
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.out, "");

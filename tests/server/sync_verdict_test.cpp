@@ -123,6 +123,8 @@ std::vector<VerdictCase> verdictCases() {
      {'b', change("comments", "m", 1, {{"body", "looks fine"}})}, "applied", 2},
     {"a value of the wrong kind", {{'a', newCapture("c")}}, {'a', capture("c", 1, {{"status", "done"}})}, "rejected",
      std::nullopt, {}, false},
+    {"a hash that is no text", {{'a', newCapture("c")}},
+     {'a', change("capture_images", "i", 0, {{"capture_id", "c"}, {"original_sha256", 5}})}, "rejected", std::nullopt, {}, false},
     {"a date that is no date", {{'a', newCapture("c")}}, {'a', capture("c", 1, {{"resolved_at", "2024-05-32T10:00:00Z"}})},
      "rejected", std::nullopt, {}, false},
     {"a tag that is too long", {{'a', newCapture("c")}}, {'a', capture("c", 1, {{"tags", {std::string(201, 't')}}})},

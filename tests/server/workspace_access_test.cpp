@@ -87,6 +87,8 @@ TEST_F(WorkspaceAccessTest, TheAdminRefusesAWorkspaceItCannotKeepAndAddsNothing)
     const auto bare = server.admin({"workspace"});
     EXPECT_EQ(bare.status, 2);
     EXPECT_TRUE(bare.text.starts_with("mirel-server: workspace add SLUG --name NAME")) << bare.text;
+    EXPECT_TRUE(server.admin({"--help"}).text.starts_with("usage: mirel-server --data DIR")) << "and nothing else starts";
+    EXPECT_TRUE(server.admin({"--listen"}).text.starts_with("mirel-server: --listen needs a value\n"));
     const std::string listed = server.admin({"workspace", "list"}).text;
     EXPECT_NE(listed.find("acme\tAcme\t"), std::string::npos) << listed;
     EXPECT_EQ(listed.find("new\t"), std::string::npos) << listed;

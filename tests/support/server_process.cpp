@@ -111,9 +111,8 @@ ServerProcess::Reply ServerProcess::call(const std::string& method, const std::s
     httplib::Headers headers{{"Accept", "application/json"}};
     if (!token.empty()) headers.emplace("Authorization", "Bearer " + token);
     const std::string payload = body ? writeJSON(*body) : std::string();
-    httplib::Result result = method == "GET"    ? client.Get(path, headers)
-                             : method == "PUT"  ? client.Put(path, headers, payload, "application/json")
-                                                : client.Post(path, headers, payload, "application/json");
+    httplib::Result result =
+        method == "GET" ? client.Get(path, headers) : client.Post(path, headers, payload, "application/json");
     Reply reply;
     if (!result) return reply;
     reply.status = result->status;

@@ -28,14 +28,15 @@ protected:
 TEST_F(RemoteGroups, WhoWinsPerFieldNewGroupsAndTombstones) {
     const std::tuple<const char*, std::optional<std::string>, const char*> cases[] = {
         // sync_state, pending; the row after
-        {"pendingPush", R"({"name":true})", "Local|#000000|workspace|6|1717200000|pendingPush|{name}"},
-        {"pendingPush", {}, "Remote|#000000|workspace|6|1717200000|synced|{}"},
+        {"pendingPush", R"({"name":true})", "Local|#000000|workspace|6|1717200000|1717286400|pendingPush|{name}"},
+        {"pendingPush", {}, "Remote|#000000|workspace|6|1717200000|1717286400|synced|{}"},
     };
     for (const auto& [syncState, pending, expected] : cases) {
         const CaptureGroup local = seedGroup("Local", syncState, pending);
         store.applyRemoteGroup(object(remote(local.id, R"("name":"Remote","color_hex":"#000000","version":6,
-            "updated_at":"2024-06-01T00:00:00Z","visibility":"workspace","workspace_id":"ws-1")")));
-        EXPECT_EQ(cells("groups", local.id, "name, color_hex, visibility, version, updated_at, sync_state, pending"), expected);
+            "updated_at":"2024-06-01T00:00:00Z","visibility":"workspace","workspace_id":"ws-1","archived_at":1717286400)")));
+        EXPECT_EQ(cells("groups", local.id, "name, color_hex, visibility, version, updated_at, archived_at, sync_state, pending"),
+                  expected);
         db().execute("DELETE FROM groups;");
     }
     const std::string id = newID();
