@@ -27,7 +27,9 @@ protected:
                         {{"HOME", home_.string()}, {"XDG_CONFIG_HOME", (home_ / "xdg").string()}, {"MIREL_AGENT", "claude"}});
     }
 
-    TempLibrary scratch_;  // stands for HOME here; the library is a folder inside it
+    // Stands for HOME here; the library is a folder inside it, named so that a
+    // shell needs it quoted.
+    TempLibrary scratch_;
     const fs::path home_ = scratch_.home();
     const std::string server = (fs::path(MIREL_HOST_BINARY).parent_path() / "mirel-mcp").string();
 };
