@@ -3,6 +3,7 @@
 #include "core/platform/file_descriptor.h"
 #include "core/platform/text.h"
 #include "core/store/capture_store.h"
+#include "core/store/mirel_paths.h"
 #include "tests/support/image_files.h"
 #include "tests/e2e/run_mirel.h"
 #include "tests/support/temp_library.h"
@@ -151,6 +152,11 @@ TEST_F(CliTest, AFailedAddLeavesTheLibraryAsItWas) {
         EXPECT_EQ(result.err.find("usage: mirel add") != std::string::npos, status == 2) << message;
         EXPECT_EQ(state(), before) << message;
     }
+    // A file where the thumbnails' folder goes: the original, placed just before, is taken away again.
+    fs::remove_all(MirelPaths::thumbsRoot()), writeBytes(MirelPaths::thumbsRoot(), "not a folder");
+    const std::string before = state();
+    EXPECT_EQ(run({"add", good}).status, 1);
+    EXPECT_EQ(state(), before);
 }
 
 TEST_F(CliTest, ExitStatusesUsageAndTheDemoBoard) {

@@ -146,7 +146,7 @@ std::vector<std::uint8_t> interlacedFile(const std::vector<std::uint8_t>& rows) 
     return test::pngFromRows(4, 4, PNG_COLOR_TYPE_RGB, true, rows);
 }
 
-TEST(PNGForms, AnInterlacedImageWithAMissingOrBadRowIsRefused) {
+TEST(PNGForms, AnInterlacedImageWithAMissingOrBadRowOrABadHeaderIsRefused) {
     // Adam7 over 4×4 pixels: passes of 1×1, 1×1, 2×1, 2×2 and 4×2, each row a filter byte and 3 per pixel.
     const std::vector<std::uint8_t> whole(2 * 4 + 3 * 7 + 2 * 13, 0);
     ASSERT_TRUE(ImageCodec::decode(interlacedFile(whole)));
@@ -154,6 +154,7 @@ TEST(PNGForms, AnInterlacedImageWithAMissingOrBadRowIsRefused) {
     badFilter[2 * 4 + 3 * 7] = 5;  // the last pass's first row
     EXPECT_FALSE(ImageCodec::decode(interlacedFile(shortOfOneByte)));
     EXPECT_FALSE(ImageCodec::decode(interlacedFile(badFilter)));
+    EXPECT_FALSE(ImageCodec::decode(test::pngFromRows(4, 4, 5, true, whole)));  // a colour type PNG does not have
 }
 
 }  // namespace

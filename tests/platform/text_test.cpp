@@ -13,7 +13,7 @@ TEST(TextTest, TrimsRepairsAndFindsLineBreaks) {
     const std::pair<const char*, const char*> repairs[] = {
         {"plain ascii", "plain ascii"}, {"a\xff" "b", "a\uFFFD" "b"}, {"\xC0\xAF", "\uFFFD\uFFFD"},
         {"\xED\xA0\x80", "\uFFFD\uFFFD\uFFFD"}, {"x\xE2\x82", "x\uFFFD\uFFFD"}, {"\xF4\x90\x80\x80", "\uFFFD\uFFFD\uFFFD\uFFFD"},
-        {"é✓😀\xDF\xBF", "é✓😀\xDF\xBF"},
+        {"é✓😀\xDF\xBF\xF4\x8F\xBF\xBF", "é✓😀\xDF\xBF\xF4\x8F\xBF\xBF"},
     };
     for (const auto& [text, repaired] : repairs) EXPECT_EQ(repairUTF8(text), repaired) << text;
     EXPECT_EQ(std::tuple(firstLineBreak("a\r\nb\nc"), firstLineBreak("\nx"), firstLineBreak("a\r\n")),

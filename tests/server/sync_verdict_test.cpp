@@ -75,6 +75,10 @@ std::vector<VerdictCase> verdictCases() {
     {"a stale base wins where the same device changed the field last",
      {{'a', newCapture("c")}, {'b', capture("c", 1, {{"note", "by b"}})}},
      {'b', capture("c", 1, {{"note", "by b again"}})}, "merged", 3, {}, false, nullptr, {{"note", "by b again"}}},
+    {"an image's losing annotation is shown as JSON",
+     {{'a', newCapture("c")}, {'a', image("i", "c", "SHA")}, {'a', change("capture_images", "i", 1, {{"annotation_json", {{"by", "a"}}}})}},
+     {'b', change("capture_images", "i", 1, {{"annotation_json", {{"by", "b"}}}})}, "merged", 2, {"annotation_json"}, false,
+     nullptr, nullptr, {}, "These edits were not applied because someone changed the same fields first:\nannotation_json: {\"by\":\"b\"}"},
     {"an equal value is no conflict and no new version",
      {{'a', newCapture("c")}, {'a', capture("c", 1, {{"note", "same"}})}},
      {'b', capture("c", 1, {{"note", "same"}})}, "merged", 2},
@@ -90,6 +94,9 @@ std::vector<VerdictCase> verdictCases() {
      {{"group_id", "g"}}, {"status_changed", "moved"}},
     {"a new group with a taken name is remapped", {{'a', newGroup("g", "Checkout")}},
      {'b', newGroup("h", "checkout")}, "remapped", std::nullopt, {}, false, "g"},
+    {"a new group under an archived group's name brings that group back",
+     {{'a', newGroup("g", "Old")}, {'a', group("g", 1, {{"archived_at", "2024-05-01T10:00:00Z"}})}},
+     {'b', newGroup("h", "old")}, "remapped", std::nullopt, {}, false, "g", {{"archived_at", nullptr}}},
     {"a capture filed under a remapped id lands in the canonical group",
      {{'a', newGroup("g", "Design")}, {'b', newGroup("h", "design")}},
      {'b', capture("c", 0, {{"workspace_id", "WS"}, {"group_id", "h"}})}, "applied", 1, {}, false, nullptr,
@@ -206,8 +213,11 @@ TEST_F(SyncVerdictTest, EachChangeGetsItsVerdict) {
         Json row;
         for (const auto& item : reply["changes"]) {
             if (item["table"] == "activity") history.push_back(item["row"]["kind"]);
-            if (item["table"] == "comments" && item["row"]["kind"] == "conflict") note = item["row"]["body"];
-            if (item["row"]["id"] == sent["id"]) row = item["row"];
+            if (item["table"] == "comments" && item["row"]["kind"] == "conflict") {
+                note = item["row"]["body"];
+                EXPECT_EQ(item["row"].value("is_agent", Json()), false);  // every client reads the flag
+            }
+            if (item["row"]["id"] == (c.canonicalID ? resolve(Json{{"id", c.canonicalID}}, n)["id"] : sent["id"])) row = item["row"];
         }
         EXPECT_EQ(history, c.history);
         EXPECT_EQ(note, c.conflictNote);

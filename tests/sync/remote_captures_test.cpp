@@ -32,12 +32,14 @@ TEST_F(RemoteCaptures, WhoWinsPerFieldAndNewRows) {
     }
     // A new row takes the defaults, and dates in every form.
     Clock::pin(1714600000.0);
-    const std::string id = newID();
+    const std::string id(128, 'c');  // the longest id taken; one more is refused
+    store.applyRemoteCapture(Json{{"id", id + "c"}});
     store.applyRemoteCapture(object(R"({"id":")" + id + R"(","created_at":1714521600000,"display_scale":"2",
         "claimed_at":"2024-05-01T00:00:01.500Z"})"));
     Clock::pin(std::nullopt);
     EXPECT_EQ(cells("captures", id, "image_path, dirty, created_at, updated_at, display_scale, claimed_at, priority"),
               "|0|1714521600|1714600000|2|1714521601.5|normal");
+    EXPECT_EQ(cells("captures", id + "c", "id"), "");
 }
 
 // Random local edits, exchanges with edits in flight and remote objects,

@@ -188,6 +188,11 @@ TEST_F(SyncEngineTest, VerdictsSettleTheLedgerAndRetriedRejectionsStopAtSix) {
         if (!line.empty()) { EXPECT_EQ(logged(line), 1); }
     }
     EXPECT_EQ(store.syncMeta("cursor"), "12");
+    // A rejected new capture stays here and asks for no second exchange.
+    const long before = requests("/v1/sync");
+    rowOf[seedShared("Late", "pendingPush", R"({"*":true})").id] = 4;
+    syncOnce();
+    EXPECT_EQ(requests("/v1/sync") - before, 1);
 }
 
 TEST_F(SyncEngineTest, EachKindOfFailureGivesItsStatusAndLosesNoEdit) {
