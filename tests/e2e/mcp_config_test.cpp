@@ -117,8 +117,7 @@ TEST_F(McpConfigTest, PrintsClaudeCodesCommandAndRefusesInstallForOthers) {
     EXPECT_EQ(result.out, "claude mcp add -e 'MIREL_HOME=" + home_.string() +
                               "/Ann'\\''s library' -e MIREL_AGENT=claude --scope user mirel -- " + server + "\n");
     result = run({"--client", "generic", "--install"});
-    EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(std::pair(result.status, result.out), std::pair(2, std::string()));
 }
 
 }  // namespace

@@ -93,14 +93,6 @@ void seedComment(Database& db, const Comment& c) {
          word(rawValue(c.syncState))});
 }
 
-void seedActivity(Database& db, const ActivityEvent& e) {
-    db.execute(
-        "INSERT INTO activity (id, capture_id, kind, detail, actor, created_at, actor_id, remote) "
-        "VALUES (?, ?, ?, ?, ?, ?, ?, ?);",
-        {text(e.id), text(e.captureID), text(e.kind), text(e.detail), text(e.actor), e.createdAt,
-         text(e.actorID), SQLValue::boolean(e.remote)});
-}
-
 void setColumn(Database& db, const std::string& table, const std::string& id,
                const std::string& column, const SQLValue& value) {
     db.execute("UPDATE " + table + " SET " + column + " = ? WHERE id = ?;", {value, id});

@@ -48,7 +48,6 @@ void seedCaptureRow(Database& db, const Capture& capture);
 void seedImageRow(Database& db, const CaptureImage& image);
 void seedGroupRow(Database& db, const CaptureGroup& group);
 void seedComment(Database& db, const Comment& comment);
-void seedActivity(Database& db, const ActivityEvent& event);
 
 // Overwrites one column of one row by id, with any value, including ones the
 // store would never write (NULL in a NOT NULL-less column, a number in a text

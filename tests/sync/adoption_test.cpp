@@ -49,8 +49,8 @@ TEST_F(Adoption, AdoptThenGiveBack) {
 
 TEST_F(Adoption, PurgeAndDropWorkspaceKeepWhatIsLocal) {
     const Local kept = seedLocal();
-    seedActivity(db(), ActivityEvent{"mine", kept.capture.id, "created", "", "you", kSeedDate, {}, false});
-    seedActivity(db(), ActivityEvent{"theirs", kept.capture.id, "moved", "", "Grace", kSeedDate, {}, true});
+    store.recordActivity(kept.capture.id, "created", "", "you", "mine", kSeedDate, std::nullopt, false);
+    store.recordActivity(kept.capture.id, "moved", "", "Grace", "theirs", kSeedDate, std::nullopt, true);
     const Capture shared = seedShared(), gone = seedShared();
     seedShared("Waiting", "pendingPush", R"({"note":true})");
     setColumn(db(), "captures", gone.id, "deleted_at", SQLValue(kSeedDate));

@@ -48,7 +48,7 @@ TEST_F(RemotePeople, CommentsAndHistoryLinesAreAttributed) {
     EXPECT_FALSE(rowExists("comments", mine.id));
 
     // History lines: a local line of the kind less than 90 s away is the same event.
-    seedActivity(db(), ActivityEvent{"local", owner.id, "status_changed", "", "you", kSeedDate, "me", false});
+    store.recordActivity(owner.id, "status_changed", "", "you", "local", kSeedDate, "me", false);
     const std::pair<const char*, const char*> lines[] = {
         // the object; actor and detail stored, "" for none
         {R"("kind":"status_changed","created_at":1714521689)", ""},
