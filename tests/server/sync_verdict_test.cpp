@@ -27,7 +27,7 @@ struct VerdictCase {
     std::vector<std::string> conflicts = {};
     bool retry = false;
     const char* canonicalID = nullptr;
-    Json rowAfter = nullptr;                  // fields of the record as the reply's changes carry it
+    Json rowAfter = nullptr;                  // fields of the record (of a remap, the group kept) as the reply's changes carry it
     std::vector<std::string> history = {};    // activity kinds written by the change
     std::string conflictNote = {};            // the body of the conflict note it writes
     const char* reason = nullptr;             // of a rejection, when it matters here
