@@ -380,20 +380,34 @@ bool readInterlaced(const Chunks& chunks, RowConverter& converter, RowTarget& ta
     return true;
 }
 
-// Rows of filtered data, one after another, from wherever they come from.
+// Rows of filtered data, one after another, from wherever they come from;
+// two rows' data are asked for before either is used. Rows are unfiltered two
+// at a time.
 template <class NextRow>
 bool readRows(const Header& h, RowConverter& converter, RowTarget& target, NextRow nextRow) {
     const std::size_t bytes = h.rowBytes(h.width);
-    std::vector<std::uint8_t> lines(2 * bytes), zeros(bytes);
-    for (int y = 0; y < h.height; ++y) {
+    std::vector<std::uint8_t> lines(3 * bytes), zeros(bytes);  // the row above and the two being made
+    const auto line = [&](int y) { return lines.data() + static_cast<std::size_t>(y % 3) * bytes; };
+    const auto deliver = [&](int y) {
+        converter.convert(line(y), h.width, target.row(y));
+        target.rowsDone(y + 1);
+    };
+    for (int y = 0; y < h.height; y += 2) {
+        const std::uint8_t* previous = y ? line(y - 1) : zeros.data();
         const std::uint8_t* filtered = nextRow(y);
-        std::uint8_t* current = lines.data() + (y % 2) * bytes;
-        const std::uint8_t* previous = y ? lines.data() + ((y - 1) % 2) * bytes : zeros.data();
-        if (!filtered || !png::unfilter(filtered[0], filtered + 1, previous, current, bytes, h.filterStep())) {
+        if (!filtered) return false;
+        if (y + 1 == h.height) {
+            if (!png::unfilter(filtered[0], filtered + 1, previous, line(y), bytes, h.filterStep())) return false;
+            deliver(y);
+            break;
+        }
+        const std::uint8_t* below = nextRow(y + 1);
+        if (!below || !png::unfilterTwo(filtered[0], filtered + 1, below[0], below + 1, previous, line(y),
+                                        line(y + 1), bytes, h.filterStep())) {
             return false;
         }
-        converter.convert(current, h.width, target.row(y));
-        target.rowsDone(y + 1);
+        deliver(y);
+        deliver(y + 1);
     }
     return true;
 }
@@ -414,9 +428,11 @@ bool readSequential(const Chunks& chunks, RowConverter& converter, RowTarget& ta
         // More data than the image needs: read just what it needs, as libpng does.
     }
     StreamedData data(chunks.data);
-    std::vector<std::uint8_t> filtered(stride);
-    return readRows(h, converter, target,
-                    [&](int) { return data.read(filtered.data(), stride) ? filtered.data() : nullptr; });
+    std::vector<std::uint8_t> filtered(2 * stride);
+    return readRows(h, converter, target, [&](int y) {
+        std::uint8_t* into = filtered.data() + static_cast<std::size_t>(y % 2) * stride;
+        return data.read(into, stride) ? into : nullptr;
+    });
 }
 
 }  // namespace

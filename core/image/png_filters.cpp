@@ -1,12 +1,13 @@
 // PNG row filters. Undoing Sub, Average and Paeth carries from pixel to pixel,
 // so the SSE2 versions work a whole pixel (3 or 4 bytes) per step, in 16-bit
-// lanes, the way libpng's own SSE2 filters do; other pixel sizes go byte by
-// byte. Applying a filter has no such chain and is left to the compiler's
+// lanes, the way libpng's own SSE2 filters do, and two rows side by side where
+// both chain; other pixel sizes go byte by byte. Applying a filter has no such chain and is left to the compiler's
 // vectoriser.
 #include "core/image/png_filters.h"
 
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -113,6 +114,67 @@ void unfilterPixels(const std::uint8_t* in, const std::uint8_t* previous, std::u
     }
 }
 
+// Two rows at once. The low half of each register holds pixel k of the upper
+// row; the high half pixel k - 1 of the row below, whose pixel above is the
+// one the low half made in the step before. Each step thus moves both chains
+// on, and neither waits for the other.
+struct RowPair {
+    const std::uint8_t *in, *inBelow, *previous;
+    std::uint8_t *out, *outBelow;
+    std::size_t bytes;
+    int bpp;
+};
+
+template <class Upper, class Lower>
+__m128i pairStep(__m128i a, __m128i b, __m128i c) {
+    if constexpr (std::is_same_v<Upper, Lower>) return Upper{}(a, b, c);
+    else return select(_mm_set_epi32(0, 0, -1, -1), Upper{}(a, b, c), Lower{}(a, b, c));
+}
+
+template <class Upper, class Lower>
+void unfilterPixelPairs(const RowPair& rows) {
+    const auto width = static_cast<std::size_t>(rows.bpp);
+    const std::size_t pixels = rows.bytes / width;
+    const __m128i low = _mm_set1_epi16(0xff), zero = _mm_setzero_si128();
+    // Before the first step every input is zero, so the high half's first
+    // result, which stands left of the lower row, is zero too.
+    __m128i a = zero, c = zero;
+    // A step reads and writes four bytes a pixel while that stays inside the
+    // rows (`wide`), as unfilterPixels does, and exactly the pixel otherwise.
+    const auto step = [&]<bool wide>(std::size_t k) {
+        const auto load = [&](const std::uint8_t* p) { return wide ? load4(p) : loadExactly(p, rows.bpp); };
+        const bool upper = k < pixels, lower = k > 0;
+        const std::size_t i = k * width;
+        const __m128i b = _mm_unpacklo_epi64(upper ? load(rows.previous + i) : zero, a);
+        const __m128i filtered =
+            _mm_unpacklo_epi64(upper ? load(rows.in + i) : zero, lower ? load(rows.inBelow + i - width) : zero);
+        a = _mm_and_si128(_mm_add_epi16(pairStep<Upper, Lower>(a, b, c), filtered), low);
+        c = b;
+        const std::size_t stored = wide ? 4 : width;
+        if (upper) {
+            const std::uint32_t v = packed(a);
+            std::memcpy(rows.out + i, &v, stored);
+        }
+        if (lower) {
+            const std::uint32_t v = packed(_mm_unpackhi_epi64(a, a));
+            std::memcpy(rows.outBelow + i - width, &v, stored);
+        }
+    };
+    const std::size_t wideEnd = rows.bytes >= 4 ? (rows.bytes - 4) / width + 1 : 0;  // k * width + 4 <= bytes
+    std::size_t k = 0;
+    for (; k < wideEnd; ++k) step.template operator()<true>(k);
+    for (; k <= pixels; ++k) step.template operator()<false>(k);
+}
+
+template <class Upper>
+void unfilterPairsAbove(std::uint8_t typeBelow, const RowPair& rows) {
+    if (typeBelow == sub) unfilterPixelPairs<Upper, SubStep>(rows);
+    else if (typeBelow == average) unfilterPixelPairs<Upper, AverageStep>(rows);
+    else unfilterPixelPairs<Upper, PaethStep>(rows);
+}
+
+bool chains(std::uint8_t type) { return type == sub || type == average || type == paeth; }
+
 #endif
 
 }  // namespace
@@ -139,6 +201,20 @@ bool unfilter(std::uint8_t type, const std::uint8_t* in, const std::uint8_t* pre
             return true;
         default: return false;
     }
+}
+
+bool unfilterTwo(std::uint8_t type, const std::uint8_t* in, std::uint8_t typeBelow, const std::uint8_t* inBelow,
+                 const std::uint8_t* previous, std::uint8_t* out, std::uint8_t* outBelow, std::size_t bytes, int bpp) {
+#if defined(__SSE2__)
+    if ((bpp == 4 || bpp == 3) && chains(type) && chains(typeBelow)) {
+        const RowPair rows{in, inBelow, previous, out, outBelow, bytes, bpp};
+        if (type == sub) unfilterPairsAbove<SubStep>(typeBelow, rows);
+        else if (type == average) unfilterPairsAbove<AverageStep>(typeBelow, rows);
+        else unfilterPairsAbove<PaethStep>(typeBelow, rows);
+        return true;
+    }
+#endif
+    return unfilter(type, in, previous, out, bytes, bpp) && unfilter(typeBelow, inBelow, out, outBelow, bytes, bpp);
 }
 
 void filter(Filter type, const std::uint8_t* row, const std::uint8_t* previous, std::uint8_t* out, std::size_t bytes,

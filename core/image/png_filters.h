@@ -33,6 +33,13 @@ using Compressor = std::unique_ptr<libdeflate_compressor, CompressorFree>;
 bool unfilter(std::uint8_t type, const std::uint8_t* in, const std::uint8_t* previous, std::uint8_t* out,
               std::size_t bytes, int bpp);
 
+// Undoes the filters of two rows in a row: `inBelow` is filtered against the
+// first row's result, `out`. Where both filters carry from pixel to pixel
+// (Sub, Average, Paeth), the two chains run side by side, which takes little
+// longer than one. False for an unknown filter type.
+bool unfilterTwo(std::uint8_t type, const std::uint8_t* in, std::uint8_t typeBelow, const std::uint8_t* inBelow,
+                 const std::uint8_t* previous, std::uint8_t* out, std::uint8_t* outBelow, std::size_t bytes, int bpp);
+
 // Applies one filter to a row, for the encoder.
 void filter(Filter type, const std::uint8_t* row, const std::uint8_t* previous, std::uint8_t* out, std::size_t bytes,
             int bpp);

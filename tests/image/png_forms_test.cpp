@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 #include <png.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
 #include "core/image/image.h"
+#include "core/image/png_filters.h"
 #include "tests/support/image_files.h"
 
 namespace mirel {
@@ -138,6 +140,42 @@ TEST(PNGForms, EveryColourTypeDepthAndInterlaceReadsBackExactly) {
             }
         }
         EXPECT_EQ(image->opaque, opaque) << name;
+    }
+}
+
+// Rows are unfiltered two at a time, the second against the first: every
+// ordered pair of filters meets there, on noise that leads Paeth every way,
+// for RGB and RGBA, with a last row left over; and again with data to spare
+// after the last row, which zlib then reads row by row.
+TEST(PNGForms, EveryPairOfRowFiltersReadsBackExactly) {
+    constexpr int wide = 37, rows = 51;
+    std::minstd_rand noise(7);
+    for (const int bpp : {3, 4}) {
+        std::vector<std::vector<std::uint8_t>> raw(rows, std::vector<std::uint8_t>(wide * bpp));
+        for (auto& row : raw) for (auto& byte : row) byte = static_cast<std::uint8_t>(noise() >> 8);
+        std::vector<std::uint8_t> data;
+        for (int y = 0; y < rows; ++y) {
+            const auto type = static_cast<ImageCodec::detail::png::Filter>(y == rows - 1 ? 4 : y % 2 ? y / 2 % 5 : y / 10);
+            std::vector<std::uint8_t> filtered(raw[y].size()), zeros(raw[y].size());
+            ImageCodec::detail::png::filter(type, raw[y].data(), y ? raw[y - 1].data() : zeros.data(), filtered.data(),
+                                            filtered.size(), bpp);
+            data.push_back(type);
+            data.insert(data.end(), filtered.begin(), filtered.end());
+        }
+        for (const std::size_t spare : {0, 9}) {
+            data.resize(data.size() + spare);
+            const auto image = ImageCodec::decode(test::pngFromRows(wide, rows, bpp == 3 ? rgb : rgba, false, data));
+            ASSERT_TRUE(image) << bpp;
+            for (int y = 0; y < rows; ++y) {
+                for (int x = 0; x < wide; ++x) {
+                    const std::uint8_t* p = raw[y].data() + x * bpp;
+                    const unsigned a = bpp == 4 ? p[3] : 255;
+                    auto times = [a](unsigned c) { return (c * a + 127) / 255; };
+                    ASSERT_EQ(image->at(x, y), (a << 24) | (times(p[0]) << 16) | (times(p[1]) << 8) | times(p[2]))
+                        << bpp << " bytes a pixel, " << spare << " spare, at " << x << "," << y;
+                }
+            }
+        }
     }
 }
 
