@@ -1,8 +1,8 @@
 // PNG row filters. Undoing Sub, Average and Paeth carries from pixel to pixel,
 // so the SSE2 versions work a whole pixel (3 or 4 bytes) per step, in 16-bit
 // lanes, the way libpng's own SSE2 filters do, and two rows side by side where
-// both chain; other pixel sizes go byte by byte. Applying a filter has no such chain and is left to the compiler's
-// vectoriser.
+// both chain; other pixel sizes go byte by byte. Applying a filter has no such
+// chain and is left to the compiler's vectoriser.
 #include "core/image/png_filters.h"
 
 #include <cstdlib>
