@@ -65,26 +65,36 @@ inline std::uint32_t packed(__m128i words) {
     return static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_packus_epi16(words, words)));
 }
 
-inline __m128i absolute(__m128i x) { return _mm_max_epi16(x, _mm_sub_epi16(_mm_setzero_si128(), x)); }
-
 inline __m128i select(__m128i mask, __m128i yes, __m128i no) {
     return _mm_or_si128(_mm_and_si128(mask, yes), _mm_andnot_si128(mask, no));
 }
 
-// The byte to add for each filter, from a (left), b (above), c (above left).
+// A pixel unfiltered, from a (left), b (above), c (above left) and x, its
+// filtered bytes; the caller keeps the low byte of each lane. Only a is on
+// the chain from pixel to pixel.
 struct SubStep {
-    __m128i operator()(__m128i a, __m128i, __m128i) const { return a; }
+    __m128i operator()(__m128i a, __m128i, __m128i, __m128i x) const { return _mm_add_epi16(a, x); }
 };
 struct AverageStep {
-    __m128i operator()(__m128i a, __m128i b, __m128i) const { return _mm_srli_epi16(_mm_add_epi16(a, b), 1); }
+    __m128i operator()(__m128i a, __m128i b, __m128i, __m128i x) const {
+        return _mm_add_epi16(_mm_srli_epi16(_mm_add_epi16(a, b), 1), x);
+    }
 };
+// Paeth's choice, reworked so that a comes in as late as it can: with
+// e = b - c, and u = a - c negated where e < 0, it is a where u >= |e| or
+// u <= -2|e|, else b where 2u >= -|e|, else c. All that rests on b and c alone
+// is worked out while the pixel to the left is still being made.
 struct PaethStep {
-    __m128i operator()(__m128i a, __m128i b, __m128i c) const {
-        const __m128i pa = _mm_sub_epi16(b, c), pb = _mm_sub_epi16(a, c);
-        const __m128i pc = absolute(_mm_add_epi16(pa, pb));
-        const __m128i absA = absolute(pa), absB = absolute(pb);
-        const __m128i smallest = _mm_min_epi16(pc, _mm_min_epi16(absA, absB));
-        return select(_mm_cmpeq_epi16(smallest, absA), a, select(_mm_cmpeq_epi16(smallest, absB), b, c));
+    __m128i operator()(__m128i a, __m128i b, __m128i c, __m128i x) const {
+        const __m128i e = _mm_sub_epi16(b, c), negative = _mm_srai_epi16(e, 15);
+        const __m128i size = _mm_sub_epi16(_mm_xor_si128(e, negative), negative);
+        const __m128i minusTwice = _mm_sub_epi16(_mm_setzero_si128(), _mm_add_epi16(size, size));
+        const __m128i underHalf = _mm_sub_epi16(_mm_set1_epi16(-1), size);  // 2u above it: 2u >= -|e|
+        const __m128i u = _mm_sub_epi16(_mm_xor_si128(a, negative), _mm_xor_si128(c, negative));
+        const __m128i notA = _mm_and_si128(_mm_cmpgt_epi16(size, u), _mm_cmpgt_epi16(u, minusTwice));
+        const __m128i pickB = _mm_cmpgt_epi16(_mm_add_epi16(u, u), underHalf);
+        // c + x, plus a - c, b - c or nothing.
+        return _mm_add_epi16(_mm_add_epi16(c, x), select(notA, _mm_and_si128(pickB, e), _mm_sub_epi16(a, c)));
     }
 };
 
@@ -100,14 +110,14 @@ void unfilterPixels(const std::uint8_t* in, const std::uint8_t* previous, std::u
     std::size_t i = 0;
     for (; i + 4 <= bytes; i += width) {
         const __m128i b = load4(previous + i);
-        a = _mm_and_si128(_mm_add_epi16(step(a, b, c), load4(in + i)), low);
+        a = _mm_and_si128(step(a, b, c, load4(in + i)), low);
         c = b;
         const std::uint32_t v = packed(a);
         std::memcpy(out + i, &v, 4);
     }
     for (; i < bytes; i += width) {
         const __m128i b = loadExactly(previous + i, bpp);
-        a = _mm_and_si128(_mm_add_epi16(step(a, b, c), loadExactly(in + i, bpp)), low);
+        a = _mm_and_si128(step(a, b, c, loadExactly(in + i, bpp)), low);
         c = b;
         const std::uint32_t v = packed(a);
         std::memcpy(out + i, &v, width);
@@ -115,8 +125,8 @@ void unfilterPixels(const std::uint8_t* in, const std::uint8_t* previous, std::u
 }
 
 // Two rows at once. The low half of each register holds pixel k of the upper
-// row; the high half pixel k - 1 of the row below, whose pixel above is the
-// one the low half made in the step before. Each step thus moves both chains
+// row; the high half pixel k - 2 of the row below, whose pixel above is the
+// one the low half made two steps before. Each step thus moves both chains
 // on, and neither waits for the other.
 struct RowPair {
     const std::uint8_t *in, *inBelow, *previous;
@@ -126,9 +136,9 @@ struct RowPair {
 };
 
 template <class Upper, class Lower>
-__m128i pairStep(__m128i a, __m128i b, __m128i c) {
-    if constexpr (std::is_same_v<Upper, Lower>) return Upper{}(a, b, c);
-    else return select(_mm_set_epi32(0, 0, -1, -1), Upper{}(a, b, c), Lower{}(a, b, c));
+__m128i pairStep(__m128i a, __m128i b, __m128i c, __m128i x) {
+    if constexpr (std::is_same_v<Upper, Lower>) return Upper{}(a, b, c, x);
+    else return select(_mm_set_epi32(0, 0, -1, -1), Upper{}(a, b, c, x), Lower{}(a, b, c, x));
 }
 
 template <class Upper, class Lower>
@@ -137,18 +147,19 @@ void unfilterPixelPairs(const RowPair& rows) {
     const std::size_t pixels = rows.bytes / width;
     const __m128i low = _mm_set1_epi16(0xff), zero = _mm_setzero_si128();
     // Before the first step every input is zero, so the high half's first
-    // result, which stands left of the lower row, is zero too.
-    __m128i a = zero, c = zero;
+    // results, which stand left of the lower row, are zero too.
+    __m128i a = zero, c = zero, older = zero;  // older: the result of two steps before
     // A step reads and writes four bytes a pixel while that stays inside the
     // rows (`wide`), as unfilterPixels does, and exactly the pixel otherwise.
     const auto step = [&]<bool wide>(std::size_t k) {
         const auto load = [&](const std::uint8_t* p) { return wide ? load4(p) : loadExactly(p, rows.bpp); };
-        const bool upper = k < pixels, lower = k > 0;
+        const bool upper = k < pixels, lower = k > 1;
         const std::size_t i = k * width;
-        const __m128i b = _mm_unpacklo_epi64(upper ? load(rows.previous + i) : zero, a);
+        const __m128i b = _mm_unpacklo_epi64(upper ? load(rows.previous + i) : zero, older);
         const __m128i filtered =
-            _mm_unpacklo_epi64(upper ? load(rows.in + i) : zero, lower ? load(rows.inBelow + i - width) : zero);
-        a = _mm_and_si128(_mm_add_epi16(pairStep<Upper, Lower>(a, b, c), filtered), low);
+            _mm_unpacklo_epi64(upper ? load(rows.in + i) : zero, lower ? load(rows.inBelow + i - 2 * width) : zero);
+        older = a;
+        a = _mm_and_si128(pairStep<Upper, Lower>(a, b, c, filtered), low);
         c = b;
         const std::size_t stored = wide ? 4 : width;
         if (upper) {
@@ -157,13 +168,13 @@ void unfilterPixelPairs(const RowPair& rows) {
         }
         if (lower) {
             const std::uint32_t v = packed(_mm_unpackhi_epi64(a, a));
-            std::memcpy(rows.outBelow + i - width, &v, stored);
+            std::memcpy(rows.outBelow + i - 2 * width, &v, stored);
         }
     };
     const std::size_t wideEnd = rows.bytes >= 4 ? (rows.bytes - 4) / width + 1 : 0;  // k * width + 4 <= bytes
     std::size_t k = 0;
     for (; k < wideEnd; ++k) step.template operator()<true>(k);
-    for (; k <= pixels; ++k) step.template operator()<false>(k);
+    for (; k <= pixels + 1; ++k) step.template operator()<false>(k);
 }
 
 template <class Upper>
@@ -234,15 +245,28 @@ void filter(Filter type, const std::uint8_t* row, const std::uint8_t* previous, 
                 out[i] = static_cast<std::uint8_t>(row[i] - ((row[i - step] + previous[i]) >> 1));
             }
             return;
-        case paeth:
-            for (std::size_t i = 0; i < step && i < bytes; ++i) out[i] = static_cast<std::uint8_t>(row[i] - previous[i]);
-            for (std::size_t i = step; i < bytes; ++i) {
-                const int a = row[i - step], b = previous[i], c = previous[i - step];
-                const int pa = std::abs(b - c), pb = std::abs(a - c), pc = std::abs(a + b - 2 * c);
-                const int predicted = (pa <= pb && pa <= pc) ? a : (pb <= pc ? b : c);
-                out[i] = static_cast<std::uint8_t>(row[i] - predicted);
+        case paeth: {
+            std::size_t i = 0;
+            for (; i < step && i < bytes; ++i) out[i] = static_cast<std::uint8_t>(row[i] - previous[i]);
+#if defined(__SSE2__)
+            // No chain here: eight bytes at a time.
+            const __m128i zero = _mm_setzero_si128();
+            const auto load8 = [zero](const std::uint8_t* p) {
+                return _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)), zero);
+            };
+            for (; i + 8 <= bytes; i += 8) {
+                const __m128i predicted =
+                    PaethStep{}(load8(row + i - step), load8(previous + i), load8(previous + i - step), zero);
+                const __m128i bytesOut = _mm_sub_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(row + i)),
+                                                      _mm_packus_epi16(predicted, predicted));
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(out + i), bytesOut);
+            }
+#endif
+            for (; i < bytes; ++i) {
+                out[i] = static_cast<std::uint8_t>(row[i] - paethPredictor(row[i - step], previous[i], previous[i - step]));
             }
             return;
+        }
     }
 }
 
