@@ -26,7 +26,8 @@ struct BitReader {
     std::uint64_t peek() const {
         const std::size_t byte = at >> 3;
         std::uint64_t word = 0;
-        if (byte < size) std::memcpy(&word, data + byte, std::min<std::size_t>(8, size - byte));
+        if (byte + 8 <= size) std::memcpy(&word, data + byte, 8);
+        else if (byte < size) std::memcpy(&word, data + byte, size - byte);
         if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap64(word);
         return word >> (at & 7);
     }
@@ -75,11 +76,14 @@ public:
 
     // The next symbol, or -1 where no code matches.
     int decode(BitReader& in) const {
-        if (bits_ == 0) return -1;
-        const std::uint16_t entry = table_[in.peek() & ((std::uint64_t{1} << bits_) - 1)];
+        const std::uint16_t entry = entryFor(in.peek());
         if (entry == 0) return -1;
         in.at += entry & 15;
         return entry >> 4;
+    }
+    // The code the bits begin with: symbol << 4 | code length, 0 for none.
+    std::uint16_t entryFor(std::uint64_t bits) const {
+        return bits_ == 0 ? 0 : table_[bits & ((std::uint64_t{1} << bits_) - 1)];
     }
 
 private:
@@ -97,18 +101,40 @@ constexpr std::array<std::uint8_t, 29> lengthExtraBits = {0, 0, 0, 0, 0, 0, 0, 0
 constexpr std::array<std::uint8_t, 30> distanceExtraBits = {0, 0, 0, 0, 1, 1, 2, 2,  3,  3,  4,  4,  5,  5,  6,
                                                             6, 7, 7, 8, 8, 9, 9, 10, 10, 11, 11, 12, 12, 13, 13};
 
-// Steps over a compressed block's symbols up to its end-of-block code.
+// Steps over a compressed block's symbols up to its end-of-block code, from
+// 56 bits read at once and held in a register: read afresh when fewer are
+// left than the longest literal code (15 bits) or, at a match, than the
+// longest match (48).
 bool skipSymbols(BitReader& in, const HuffmanCode& literals, const HuffmanCode& distances) {
+    constexpr int held = 56, longestCode = 15, longestMatch = 48;
+    std::uint64_t bits = 0;
+    int left = 0;
+    const auto refill = [&] {
+        bits = in.peek();
+        left = held;
+        return !in.overrun();
+    };
     for (;;) {
-        const int symbol = literals.decode(in);
-        if (symbol < 0 || in.overrun()) return false;
-        if (symbol < 256) continue;
-        if (symbol == 256) return true;
-        if (symbol - 257 >= static_cast<int>(lengthExtraBits.size())) return false;
-        in.at += lengthExtraBits[static_cast<std::size_t>(symbol - 257)];
-        const int distance = distances.decode(in);
-        if (distance < 0 || distance >= static_cast<int>(distanceExtraBits.size())) return false;
-        in.at += distanceExtraBits[static_cast<std::size_t>(distance)];
+        if (left < longestCode && !refill()) return false;
+        const std::uint16_t entry = literals.entryFor(bits);
+        if (entry == 0) return false;
+        int taken = entry & 15;
+        const int symbol = entry >> 4;
+        if (symbol == 256) {
+            in.at += static_cast<std::size_t>(taken);
+            return true;
+        }
+        if (symbol > 256) {
+            if (symbol - 257 >= static_cast<int>(lengthExtraBits.size())) return false;
+            if (left < longestMatch && !refill()) return false;
+            taken += lengthExtraBits[static_cast<std::size_t>(symbol - 257)];
+            const std::uint16_t distance = distances.entryFor(bits >> taken);
+            if (distance == 0 || static_cast<std::size_t>(distance >> 4) >= distanceExtraBits.size()) return false;
+            taken += (distance & 15) + distanceExtraBits[distance >> 4];
+        }
+        bits >>= taken;
+        left -= taken;
+        in.at += static_cast<std::size_t>(taken);
     }
 }
 
