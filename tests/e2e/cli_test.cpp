@@ -131,6 +131,7 @@ TEST_F(CliTest, AFailedAddLeavesTheLibraryAsItWas) {
         {{good, "--priority=urgent"}, 2, "--priority takes low, normal or high", nullptr},
         {{good, "--mode", "text"}, 2, "--mode takes region", nullptr}, {{good, "--scale", "-1"}, 2, "--scale takes a positive", nullptr},
         {{"--note", "a", "--note-file", in("notes.txt")}, 2, "not both", nullptr}, {{}, 2, "nothing to file", nullptr},
+        {{good, "--scale", "nan"}, 2, "--scale takes a positive", nullptr},
         {{good, "--annotate", in("bad.json")}, 1, "bad.json is not valid JSON", nullptr},
         {{in("pipe.png")}, 1, "pipe.png is not a regular file", nullptr}, {{"/dev/zero"}, 1, "/dev/zero is not a regular file", nullptr},
         {{"--note-file", "/dev/zero"}, 1, "note file: /dev/zero is not a regular", nullptr},

@@ -76,7 +76,8 @@ bool writeRows(png_structp png, png_infop info, const Form* f, png_bytepp rows, 
     png_set_write_fn(png, out, append, nullptr);
     png_set_IHDR(png, info, width, height, f->depth, f->kind, f->interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
                  PNG_COMPRESSION_TYPE_BASE, PNG_FILTER_TYPE_BASE);
-    if (f->kind == palette) png_set_PLTE(png, info, colours, 1 << f->depth);
+    // RGB forms carry a suggested palette too, which must not be taken for their own.
+    if (f->kind == palette || f->kind == rgb) png_set_PLTE(png, info, colours, f->kind == rgb ? 256 : 1 << f->depth);
     if (f->transparency) png_set_tRNS(png, info, alphas, f->kind == palette ? 1 << f->depth : 0, key);
     png_set_rows(png, info, rows);
     png_write_png(png, info, PNG_TRANSFORM_PACKING, nullptr);
@@ -103,8 +104,8 @@ std::vector<std::uint8_t> writePNG(const Form& f) {
                       static_cast<png_byte>(paletteColour(k, 2))};
         alphas[k] = static_cast<png_byte>(paletteAlpha(k));
     }
-    // Grey and RGB forms make the colour of pixel (0, 0) the transparent one.
-    const auto keyed = pixelOf(f, 0, 0).samples;
+    // Grey and RGB forms make the colour of pixel (1, 1) the transparent one.
+    const auto keyed = pixelOf(f, 1, 1).samples;
     const auto sample = [&keyed](std::size_t i) { return static_cast<png_uint_16>(i < keyed.size() ? keyed[i] : 0); };
     png_color_16 key{0, sample(0), sample(1), sample(2), sample(0)};  // index, red, green, blue, grey
     Writer writer;
@@ -127,7 +128,7 @@ TEST(PNGForms, EveryColourTypeDepthAndInterlaceReadsBackExactly) {
                                  (f.transparency ? " tRNS" : "") + (f.interlaced ? " Adam7" : "");
         const auto image = ImageCodec::decode(writePNG(f));
         ASSERT_TRUE(image && image->width == width && image->height == height) << name;
-        const auto keyed = pixelOf(f, 0, 0).samples;
+        const auto keyed = pixelOf(f, 1, 1).samples;
         bool opaque = true;
         for (int y = 0; y < height; ++y) {
             for (int x = 0; x < width; ++x) {

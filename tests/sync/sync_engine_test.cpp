@@ -272,16 +272,16 @@ TEST_F(SyncEngineTest, ARunFetchesAtMostThirtyImagesAndOnlyByPlainNames) {
                     remoteImage("img-bad", c.id, {{"original_sha256", "../../etc/passwd"}}),
                     remoteImage(std::string(65, 'a'), c.id, {{"original_sha256", "bb22"}})};
     for (int n = 0; n < 31; ++n) {
-        changes.push_back(remoteImage("img-" + std::to_string(n), c.id,
+        changes.push_back(remoteImage("img_azAZ09-" + std::to_string(n), c.id,
                                       {{"original_sha256", shot.sha}, {"position", n}, {"created_at", 1717400000 - n}}));
     }
     onFirstSync(changes);
     make();
     // An image whose row refuses its paths is named and holds back no other.
-    db().execute("CREATE TEMP TRIGGER refuse BEFORE UPDATE OF image_path ON capture_images WHEN NEW.id = 'img-5' "
+    db().execute("CREATE TEMP TRIGGER refuse BEFORE UPDATE OF image_path ON capture_images WHEN NEW.id = 'img_azAZ09-5' "
                  "BEGIN SELECT RAISE(ABORT, 'refused'); END;");
     syncOnce();
-    EXPECT_EQ(logged("Download for image img-5 failed: SQL execution failed: refused"), 1);
+    EXPECT_EQ(logged("Download for image azAZ09-5 failed: SQL execution failed: refused"), 1);
     EXPECT_EQ(logged("is not a plain file name"), 3);
     EXPECT_EQ(countRows("capture_images"), 31);
     for (const auto& seen : server.seen()) {
